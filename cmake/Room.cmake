@@ -1,0 +1,11 @@
+# vorlan_room(NAME [OBJECT] SOURCES a.cpp... [LINKS lib...]): one library for one folder, seen as "folder/Header.h".
+function(vorlan_room name)
+  cmake_parse_arguments(ROOM "OBJECT" "" "SOURCES;LINKS" ${ARGN})
+  if(ROOM_OBJECT)
+    add_library(${name} OBJECT ${ROOM_SOURCES})
+  else()
+    add_library(${name} STATIC ${ROOM_SOURCES})
+  endif()
+  target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR})
+  target_link_libraries(${name} PUBLIC ${ROOM_LINKS} Threads::Threads PRIVATE vorlan_warnings)
+endfunction()
