@@ -9,13 +9,19 @@
 namespace wire {
 
 /// Bits 0 to 3 of a request's first byte; bits 4 to 7 of a request are ignored.
-enum CommandE : std::uint8_t { eCmdReadReg = 0, eCmdWriteReg = 1, eCmdCall = 2 };
+enum CommandE : std::uint8_t
+{
+    eCmdReadReg = 0,
+    eCmdWriteReg = 1,
+    eCmdCall = 2
+};
 
 inline constexpr std::uint8_t kCommandMask = 0x0F;
 /// Bit 7 of a reply's first byte: the request was refused.
 inline constexpr std::uint8_t kErrorBit = 0x80;
 
-enum RegRdE : std::uint8_t {
+enum RegRdE : std::uint8_t
+{
     eRegRdConst0 = 0,
     eRegRdCfgApplied = 1,
     eRegRdIpAddr = 2,
@@ -28,7 +34,8 @@ enum RegRdE : std::uint8_t {
     eRegRdDispBrightnessRaw = 9,
 };
 
-enum RegWrE : std::uint8_t {
+enum RegWrE : std::uint8_t
+{
     eRegWrQVProtVersion = 0,
     eRegWrQVStatus = 1,
     eRegWrQVIpAddr = 2,
@@ -38,7 +45,8 @@ enum RegWrE : std::uint8_t {
     eRegWrTimeZoneFlag = 6,
 };
 
-enum MethodE : std::uint8_t {
+enum MethodE : std::uint8_t
+{
     eMethodSetTime = 0,
     eMethodSetCfgStr = 1,
     eMethodSetCfgLong = 2,
@@ -58,7 +66,8 @@ enum MethodE : std::uint8_t {
 inline constexpr std::uint8_t kStatusRunning = 4;
 
 /// How a value lies in the message.
-enum class ValueE : std::uint8_t {
+enum class ValueE : std::uint8_t
+{
     eBool,           ///< 1 byte: 0 false, anything else true
     eU8,             ///< 1 byte, unsigned
     eI8,             ///< 1 byte, signed
@@ -97,18 +106,23 @@ struct tMethod
 
 inline constexpr tRegister kReadRegisters[] = {
     {eRegRdConst0, "eRegRdConst0", {"const-0", ValueE::eU8, "", "always 0: a harmless read"}},
-    {eRegRdCfgApplied, "eRegRdCfgApplied", {"cfg-applied", ValueE::eBool, "", "the visualisation settings were applied"}},
+    {eRegRdCfgApplied,
+     "eRegRdCfgApplied",
+     {"cfg-applied", ValueE::eBool, "", "the visualisation settings were applied"}},
     {eRegRdIpAddr, "eRegRdIpAddr", {"ip-addr", ValueE::eText, "", "the device's IPv4 address"}},
     {eRegRdParamText, "eRegRdParamText", {"param-text", ValueE::eText, "", "parameter 127"}},
     {eRegRdHundredthsList,
      "eRegRdHundredthsList",
-     {"hundredths-list", ValueE::eHundredthsList, "", "parameters 201 and up, divided by 100; as many as parameter 200 says"}},
+     {"hundredths-list", ValueE::eHundredthsList, "",
+      "parameters 201 and up, divided by 100; as many as parameter 200 says"}},
     {eRegRdByteList,
      "eRegRdByteList",
      {"byte-list", ValueE::eByteList, "", "parameters 192 and up, as many as parameter 191 says, then parameter 190"}},
     {eRegRdParamWordA, "eRegRdParamWordA", {"param-word-a", ValueE::eU16, "", "the low 16 bits of parameter 180"}},
     {eRegRdParamWordB, "eRegRdParamWordB", {"param-word-b", ValueE::eU16, "", "the low 16 bits of parameter 181"}},
-    {eRegRdStartCode, "eRegRdStartCode", {"start-code", ValueE::eI8, "", "why the device started; clear-start-code sets it to 0"}},
+    {eRegRdStartCode,
+     "eRegRdStartCode",
+     {"start-code", ValueE::eI8, "", "why the device started; clear-start-code sets it to 0"}},
     {eRegRdDispBrightnessRaw,
      "eRegRdDispBrightnessRaw",
      {"brightness-raw", ValueE::eU8, "", "the raw brightness of the display (parameter 172)"}},
@@ -121,11 +135,14 @@ inline constexpr tRegister kWriteRegisters[] = {
     {eRegWrQVText1, "eRegWrQVText1", {"qv-text-1", ValueE::eText, "", "a text of QV that is only stored"}},
     {eRegWrQVText2, "eRegWrQVText2", {"qv-text-2", ValueE::eText, "", "a second text of QV that is only stored"}},
     {eRegWrTimeZone, "eRegWrTimeZone", {"time-zone", ValueE::eU32, "", "the system daemon's number of the time zone"}},
-    {eRegWrTimeZoneFlag, "eRegWrTimeZoneFlag", {"time-zone-flag", ValueE::eBool, "", "the boolean that goes with the time zone"}},
+    {eRegWrTimeZoneFlag,
+     "eRegWrTimeZoneFlag",
+     {"time-zone-flag", ValueE::eBool, "", "the boolean that goes with the time zone"}},
 };
 
 namespace args {
-inline constexpr tField kSetTime[] = {{"time", ValueE::eTime, "s", "the time to set; the device uses the low 32 bits, as signed"}};
+inline constexpr tField kSetTime[] = {
+    {"time", ValueE::eTime, "s", "the time to set; the device uses the low 32 bits, as signed"}};
 inline constexpr tField kSetCfgStr[] = {{"key", ValueE::eText, "", "name of the configuration value, not empty"},
                                         {"value", ValueE::eText, "", "the text, may be empty"}};
 inline constexpr tField kSetCfgLong[] = {{"key", ValueE::eText, "", "name of the configuration value, not empty"},
@@ -162,8 +179,10 @@ inline constexpr tMethod kMethods[] = {
     {eMethodBeepParam, "beep-param", "beep with two parameters", args::kBeepParam},
     {eMethodBeep, "beep", "beep", {}},
     {eMethodClearStartCode, "clear-start-code", "acknowledge the start code: it reads 0 from now on", {}},
-    {eMethodAppTriggeredUpdate, "app-triggered-update", "save path and mode of an update and start it", args::kAppTriggeredUpdate},
-    {eMethodSetNetworkCfg, "set-network-cfg", "set up a network interface; ignored before apply-config", args::kSetNetworkCfg},
+    {eMethodAppTriggeredUpdate, "app-triggered-update", "save path and mode of an update and start it",
+     args::kAppTriggeredUpdate},
+    {eMethodSetNetworkCfg, "set-network-cfg", "set up a network interface; ignored before apply-config",
+     args::kSetNetworkCfg},
 };
 
 } // namespace wire

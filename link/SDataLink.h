@@ -1,0 +1,71 @@
+#pragma once
+
+#include "link/SFrame.h"
+
+#include <array>
+#include <cstdint>
+#include <memory>
+#include <thread>
+#include <vector>
+
+/// The layer between frames and messages: a header byte (bits 0 to 3 sequence number, bit 4 reset) in front of each
+/// message and a CRC-16/IBM-3740 behind it. Answers repeated requests from the stored last reply and broken frames by
+/// reset frames, and sends every reply from a thread of its own. Used by the link controller's thread only.
+class SDataLink
+{
+public:
+    using tBytes = std::vector<unsigned char>;
+
+    /// What tryRead found.
+    enum ReadE : int
+    {
+        eReadMessage = 0,
+        eReadBroken = 1,
+        eReadHandled = 2
+    };
+
+    SDataLink();
+    ~SDataLink(); ///< waits until the last reply is written or given up
+    SDataLink(const SDataLink&) = delete;
+    SDataLink& operator=(const SDataLink&) = delete;
+
+    /// Opens the transport; false when that fails.
+    bool init();
+
+    /// Blocks until a message has come (true) or the link is broken (false). Frames that are none of the caller's
+    /// business are answered here.
+    bool read(tBytes& msg);
+
+    /// Like read, but returns after one frame, whatever it was.
+    int tryRead(tBytes& msg);
+
+    /// Frames a reply message and sends it.
+    void reply(std::unique_ptr<tBytes> payload);
+
+    /// Sends a finished link frame, or once more the stored last reply (a reset frame when there is none).
+    /// Waits first until the previous reply is written.
+    void reply(bool resend, std::unique_ptr<tBytes> frame);
+
+    /// Tells QV to start again with a reset frame of its own.
+    void sendResetFrame();
+
+    unsigned int calcCrc16(const tBytes* data) const;
+
+    /// Removes the two CRC bytes at the end of a frame of two bytes or more and tells whether they were right.
+    bool checkRecvCrc(tBytes& frame) const;
+
+private:
+    void initCrcTable();
+    bool awaitFrame(tBytes& msg);
+    int checkRecvFrame(tBytes& frame);
+    int answerHandled(bool resend);
+    void threadedReply(const tBytes* frame);
+
+    std::unique_ptr<SFrame> mpFrame;
+    std::thread mReplyThread;
+    std::unique_ptr<tBytes> mpLastReply; ///< read by the reply thread, so replaced only after joining it
+    std::uint8_t mSequence = 0;          ///< of the last frame sent, or of the last reset frame received
+    bool mSynchronised = false;
+    bool mResetPending = false;
+    std::array<std::uint16_t, 256> mCrcTable{};
+};

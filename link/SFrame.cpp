@@ -1,0 +1,150 @@
+#include "link/SFrame.h"
+
+#include "link/SManager.h"
+#include "link/SerialException.h"
+
+#include <algorithm>
+#include <chrono>
+#include <memory>
+#include <stdexcept>
+#include <thread>
+
+namespace {
+
+constexpr int kTimeoutMs = 1000;
+constexpr unsigned int kChunkSize = 64;
+constexpr unsigned char kDelimiter = 0;
+constexpr unsigned char kFullGroup = 0xFF; ///< code of 254 bytes with no zero after them
+/// Fills a long frame between the end of its encoding and the delimiter; any byte but the delimiter would do.
+constexpr unsigned char kFiller = 0x01;
+
+std::size_t encodedCapacity(std::size_t length)
+{
+    return length + length / 254 + 1;
+}
+
+} // namespace
+
+bool SFrame::init()
+{
+    if (!SManager::mgr()->initBackend())
+        return false;
+    mpBackend = SManager::getSerialBackend();
+    return true;
+}
+
+int SFrame::encodeSFrame(const std::vector<unsigned char>* in, unsigned char* out)
+{
+    std::size_t codeAt = 0;
+    std::size_t end = 1;
+    unsigned char code = 1;
+    const auto closeGroup = [&] {
+        out[codeAt] = code;
+        codeAt = end++;
+        code = 1;
+    };
+    for (std::size_t i = 0; i < in->size(); ++i) {
+        const unsigned char byte = (*in)[i];
+        if (byte != 0) {
+            out[end++] = byte;
+            ++code;
+        }
+        if (byte == 0 || (code == kFullGroup && i + 1 < in->size()))
+            closeGroup();
+    }
+    out[codeAt] = code;
+    return static_cast<int>(end);
+}
+
+unsigned int SFrame::decodeSFrame(std::vector<unsigned char>& buf)
+{
+    std::size_t readAt = 0;
+    std::size_t writeAt = 0;
+    unsigned char previous = kFullGroup;
+    while (readAt < buf.size()) {
+        const unsigned char code = buf[readAt++];
+        if (previous < kFullGroup)
+            buf[writeAt++] = 0;
+        if (code == kDelimiter)
+            break;
+        const std::size_t count = std::min<std::size_t>(code - 1U, buf.size() - readAt);
+        std::copy_n(buf.begin() + static_cast<std::ptrdiff_t>(readAt), count,
+                    buf.begin() + static_cast<std::ptrdiff_t>(writeAt));
+        readAt += count;
+        writeAt += count;
+        previous = code;
+    }
+    buf.resize(writeAt);
+    return static_cast<unsigned int>(writeAt);
+}
+
+bool SFrame::writeSFrame(const std::vector<unsigned char>* frame)
+{
+    try {
+        if (mpBackend == nullptr)
+            throw std::logic_error("no backend");
+        std::vector<unsigned char> wire(encodedCapacity(frame->size()) + 1, kFiller);
+        wire.back() = kDelimiter;
+        encodeSFrame(frame, wire.data());
+        const auto size = static_cast<unsigned int>(wire.size());
+        return mpBackend->writeBlocking(wire.data(), size, kTimeoutMs) >= static_cast<int>(size);
+    } catch (...) {
+        onFailure();
+        return false;
+    }
+}
+
+bool SFrame::readSFrame(std::vector<unsigned char>& out)
+{
+    try {
+        unsigned char chunk[kChunkSize];
+        for (;;) {
+            const int count = readChunk(chunk, kChunkSize);
+            if (count == 0)
+                return false;
+            if (count < 0)
+                continue;
+            const bool complete = chunk[count - 1] == kDelimiter;
+            const auto room = static_cast<std::ptrdiff_t>(kMaxGathered - std::min(out.size(), kMaxGathered));
+            out.insert(out.end(), chunk, chunk + std::min<std::ptrdiff_t>(count - (complete ? 1 : 0), room));
+            if (complete) {
+                decodeSFrame(out);
+                return true;
+            }
+        }
+    } catch (...) {
+        onFailure();
+        return false;
+    }
+}
+
+int SFrame::readChunk(unsigned char* chunk, unsigned int size)
+{
+    if (mpBackend != nullptr)
+        return mpBackend->readBlocking(chunk, size, kTimeoutMs);
+    // Without a backend the link is built anew after this: once a second, not in a spinning loop.
+    std::this_thread::sleep_for(std::chrono::milliseconds(kTimeoutMs));
+    throw std::logic_error("no backend");
+}
+
+/// Called inside a catch block: a serial failure breaks the link only if it left the port closed, any other does.
+void SFrame::onFailure()
+{
+    const std::lock_guard lock(mErrorMutex);
+    try {
+        throw;
+    } catch (const SerialException& e) {
+        mLastError = e.what();
+        if (!mpBackend->isOpen())
+            mBroken = true;
+    } catch (...) {
+        mLastError = "unknown";
+        mBroken = true;
+    }
+}
+
+std::string SFrame::lastError() const
+{
+    const std::lock_guard lock(mErrorMutex);
+    return mLastError;
+}
