@@ -1,0 +1,41 @@
+#pragma once
+
+#include "qv/Line.h"
+
+#include <string>
+
+namespace qv {
+
+/// A serial port, or any file descriptor that stands for one.
+class Port : public Line
+{
+public:
+    /// Opens the device raw, 8N1, without flow control, and throws away what waited in it. A rate that isKnownRate
+    /// refuses, a device that cannot be opened or that is no terminal: LineError.
+    static Port open(const std::string& device, unsigned baud);
+
+    /// Takes a descriptor over, for instance the master of a pty, and makes it non-blocking. It is used as it is: no
+    /// terminal settings are touched. While its other end is closed, reads wait as on a silent line.
+    static Port adopt(int fd);
+
+    static bool isKnownRate(unsigned baud);
+    /// "50, 75, ... 4000000"
+    static std::string knownRates();
+
+    Port(Port&& other) noexcept;
+    ~Port() override;
+
+    void write(ByteView bytes) override;
+    Bytes read(Clock::time_point deadline) override;
+    int fd() const { return mFd; }
+
+private:
+    Port(int fd, bool adopted);
+    /// Waits for `events`; false when the deadline passed.
+    bool wait(short events, Clock::time_point deadline);
+
+    int mFd;
+    bool mAdopted;
+};
+
+} // namespace qv
