@@ -97,7 +97,7 @@ void SDataLink::reply(std::unique_ptr<tBytes> payload)
 {
     mSequence = following(mSequence);
     const std::uint8_t reset = std::exchange(mResetPending, false) ? kResetFlag : 0;
-    payload->insert(payload->begin(), static_cast<unsigned char>(mSequence | reset));
+    payload->insert(payload->begin(), 1, static_cast<unsigned char>(mSequence | reset));
     const unsigned int crc = calcCrc16(payload.get());
     payload->push_back(static_cast<unsigned char>(crc >> 8U));
     payload->push_back(static_cast<unsigned char>(crc & 0xFFU));

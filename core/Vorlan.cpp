@@ -1,0 +1,136 @@
+#include "core/Vorlan.h"
+
+#include "dbus/SDBusClients.h"
+#include "dbus/SDBusLogoHandler.h"
+#include "dbus/SDBusManager.h"
+#include "link/SDataLink.h"
+#include "link/SManager.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <ctime>
+
+std::atomic<bool> sRunning = true;
+
+namespace {
+
+static_assert(std::atomic<bool>::is_always_lock_free, "the signal handlers store into it");
+
+void onStopSignal(int)
+{
+    sRunning = false;
+}
+
+void sleepMs(long ms)
+{
+    timespec left{0, ms * 1'000'000};
+    while (nanosleep(&left, &left) != 0 && errno == EINTR) {
+    }
+}
+
+} // namespace
+
+Vorlan::Vorlan()
+{
+    for (const int signal : {SIGTERM, SIGKILL, SIGUSR1}) // SIGKILL cannot be caught: that call fails, deliberately so
+        std::signal(signal, onStopSignal);
+}
+
+Vorlan::~Vorlan() = default;
+
+void Vorlan::init()
+{
+    mpDataLink = std::make_unique<SDataLink>();
+    mpService = std::make_unique<SDBusManager>();
+    mpNetConfs = std::make_unique<std::map<std::string, NetConf>>();
+    mpApp = SDBusClients::clients()->mApp;
+    mpSysD = SDBusClients::clients()->mSysD;
+}
+
+void Vorlan::setSerialCfg(const std::string& device, unsigned int baud)
+{
+    mDevice = device;
+    mBaudrate = baud;
+}
+
+void Vorlan::run()
+{
+    const auto mgr = SManager::mgr();
+    waitForSysDaemon();
+    readStartParams();
+    mpService->start();
+    if (mBaudrate == 0) {
+        mDevice = mpSysD->getCfgString("VorlanDev");
+        mBaudrate = static_cast<unsigned int>(mpSysD->getCfgInt("VorlanBaud"));
+    }
+    if (!initLink(*mgr))
+        sRunning = false;
+    while (sRunning) {
+        try {
+            serveOne(*mgr);
+        } catch (const VorlanException& e) {
+            if (e.keepRunning == 0)
+                break;
+        }
+    }
+    stopWorkers();
+}
+
+/// Without limit; a stop signal has to wait as well.
+void Vorlan::waitForSysDaemon()
+{
+    while (!mpSysD->sysDaemonReady()) {
+        std::puts("Waiting for sysdaemon ready...retrying..");
+        sleepMs(100);
+    }
+}
+
+void Vorlan::readStartParams()
+{
+    for (const char* name : {"UpdateMode", "UpdatePath", "UpdateTrigger", "BootLogoMD5Sum", "AnimatedBootLogoMD5Sum"})
+        mpSysD->addCfgVar(name);
+    mStartupParam = mpSysD->getParamInt(eParamOrientation);
+    mIsHypervisorSys = mpSysD->getCfgBool("IsHypervisorSys");
+    if (mIsHypervisorSys) {
+        mTimeReceived = true; // there QV does not set the time
+        mpSysD->addCfgVar("ETHInternal");
+    }
+    mStartFlag = static_cast<signed char>(mpSysD->getParamInt(eParamStartCode) & 0xFF);
+    mCheckAutoUpdate = mStartFlag == 0;
+    mpSysD->setParamInt(eParamStartCode, 0); // the code counts for one start
+    mpSysD->saveConfig();
+}
+
+bool Vorlan::initLink(SManager& mgr)
+{
+    mgr.mBaudrate = mBaudrate;
+    mgr.mDevice = mDevice;
+    return mpDataLink->init();
+}
+
+void Vorlan::serveOne(SManager& mgr)
+{
+    tBytes request;
+    if (mpDataLink->read(request)) {
+        parse(request);
+        return;
+    }
+    std::puts("Vorlan: Run: failed, restarting...");
+    mpDataLink.reset();
+    mpDataLink = std::make_unique<SDataLink>();
+    initLink(mgr); // what fails here shows in the next read
+}
+
+/// Everything is told to stop before anything is waited for: the whole takes no longer than the slowest.
+void Vorlan::stopWorkers()
+{
+    mStopping = true;
+    mpService->requestStop();
+    if (mpLogoHandler)
+        mpLogoHandler->stop(false);
+    SDBusClients::clients()->stop();
+    mpService->stop();
+    if (mLogoThread.joinable())
+        mLogoThread.join();
+}

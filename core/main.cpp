@@ -1,0 +1,79 @@
+#include "core/Vorlan.h"
+
+#include <getopt.h>
+#include <sys/prctl.h>
+
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <string>
+
+namespace {
+
+struct tOptions
+{
+    std::string device = "/dev/ttyS0";
+    unsigned int baud = 0; ///< bit/s; 0: device and rate come from the system daemon's configuration
+};
+
+void print_usage()
+{
+    // A backspace where a tab was meant, in the last line: on a terminal it takes the '>' away. It stays as it is.
+    std::fputs("Usage: vorlan daemon [-opts]\n"
+               "\n"
+               "Options:\n"
+               "-s, --serialdev=path\tpath to serial device\n"
+               "-b, --baudrate=<num>\baudrate to serial device\n",
+               stdout);
+}
+
+[[noreturn]] void refuse()
+{
+    print_usage();
+    std::exit(1);
+}
+
+unsigned int toBaud(const char* text)
+{
+    try {
+        return static_cast<unsigned int>(std::stoi(text));
+    } catch (const std::exception&) {
+        refuse();
+    }
+}
+
+tOptions parseOptions(int argc, char** argv)
+{
+    static const option kOptions[] = {{"serialdev", required_argument, nullptr, 's'},
+                                      {"baudrate", required_argument, nullptr, 'b'},
+                                      {"help", no_argument, nullptr, 'h'},
+                                      {nullptr, 0, nullptr, 0}};
+    tOptions options;
+    for (int opt = 0; (opt = getopt_long(argc, argv, "s:b:h?", kOptions, nullptr)) != -1;) {
+        if (opt == 's')
+            options.device = optarg;
+        else if (opt == 'b')
+            options.baud = toBaud(optarg);
+        else
+            refuse();
+    }
+    return options;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ); // a line is one write, whatever standard output is
+    std::signal(SIGPIPE, SIG_IGN);                 // nor does it matter whether anybody reads it
+    prctl(PR_SET_TIMERSLACK, 1UL);                 // ns: the settle pause of the line is short
+    std::puts("kelvora vorlan daemon started");
+    const tOptions options = parseOptions(argc, argv);
+    Vorlan vorlan;
+    vorlan.init();
+    vorlan.setSerialCfg(options.device, options.baud);
+    vorlan.run();
+    std::puts("kelvora vorlan daemon stopped");
+    return 0;
+}

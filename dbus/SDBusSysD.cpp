@@ -1,0 +1,294 @@
+#include "dbus/SDBusSysD.h"
+
+#include <cerrno>
+#include <charconv>
+#include <cstdio>
+#include <iterator>
+
+namespace {
+
+constexpr char kDestination[] = "com.kelvora.sysdaemon"; // and interface
+constexpr char kPath[] = "/com/kelvora/sysdaemon";
+
+// Whoever reads the log knows the two prefixes; which operation uses which is part of the log's format.
+constexpr char kSysD[] = "SDBusSysD";
+constexpr char kSysDCtrl[] = "SysDDBusCtrl";
+
+/// A parameter's identifier as text, without an allocation.
+class Decimal
+{
+public:
+    explicit Decimal(std::uint32_t number)
+        : mLength(static_cast<std::size_t>(std::to_chars(mDigits, std::end(mDigits), number).ptr - mDigits))
+    {}
+    operator std::string_view() const { return {mDigits, mLength}; }
+
+private:
+    char mDigits[10];
+    std::size_t mLength;
+};
+
+const char* asArgument(const std::string& text)
+{
+    return text.c_str();
+}
+
+} // namespace
+
+/// A member of the system daemon and the words of its log lines.
+struct SDBusSysD::tCall
+{
+    const char* prefix;
+    const char* member;
+    const char* failure;           ///< says that the call failed, or that its answer could not be read
+    std::string_view subject = ""; ///< what the failure's words end in: a parameter's number, a key
+
+    void log(const char* words, std::string_view what = "") const
+    {
+        std::fprintf(stderr, "%s: %s%.*s\n", prefix, words, static_cast<int>(what.size()), what.data());
+    }
+    void logFailure() const { log(failure, subject); }
+};
+
+SDBusSysD::SDBusSysD()
+{
+    if (adopt(mBus, [](sd_bus** bus) { return sd_bus_open_system(bus); }) < 0)
+        std::fputs("SDBusSysD: failed to open DBus\n", stderr);
+}
+
+void SDBusSysD::stop()
+{
+    const std::lock_guard lock(mMutex);
+    mStopped = true;
+}
+
+MessagePtr SDBusSysD::newCall(const char* member)
+{
+    MessagePtr message;
+    if (mBus)
+        adopt(message, [&](sd_bus_message** m) {
+            return sd_bus_message_new_method_call(mBus.get(), m, kDestination, kPath, kDestination, member);
+        });
+    return message;
+}
+
+/// Waits for the answer even when the caller has no use for it.
+int SDBusSysD::call(sd_bus_message* message, MessagePtr* reply)
+{
+    if (message == nullptr)
+        return -EINVAL;
+    MessagePtr answer;
+    BusError error;
+    const int result =
+        adopt(answer, [&](sd_bus_message** m) { return sd_bus_call(mBus.get(), message, 0, error.get(), m); });
+    if (reply != nullptr)
+        *reply = std::move(answer);
+    // Nobody else reads from this connection: answers that came too late and signals would pile up in its queue.
+    std::uint64_t strays = 0;
+    while (sd_bus_get_n_queued_read(mBus.get(), &strays) >= 0 && strays > 0) {
+        if (sd_bus_process(mBus.get(), nullptr) <= 0)
+            break;
+    }
+    return result;
+}
+
+/// The create and append steps. A message that could not be filled is dropped: half of it on the bus would make the
+/// bus daemon close the connection for good.
+template <typename... Args>
+MessagePtr SDBusSysD::prepare(const tCall& call, const char* signature, Args... args)
+{
+    MessagePtr message = newCall(call.member);
+    if (!message)
+        call.log("Failed to create dbus message");
+    if constexpr (sizeof...(Args) > 0) {
+        if (!message || sd_bus_message_append(message.get(), signature, args...) < 0) {
+            call.log("Failed to append dbus msg");
+            message.reset();
+        }
+    }
+    return message;
+}
+
+template <typename... Args>
+void SDBusSysD::invoke(const tCall& call, const char* signature, Args... args)
+{
+    const std::lock_guard lock(mMutex);
+    if (mStopped)
+        return;
+    const MessagePtr message = prepare(call, signature, args...);
+    if (this->call(message.get(), nullptr) < 0)
+        call.logFailure();
+}
+
+/// A call whose answer is one basic value; it is left as it is on failure. A failed call makes the read fail too, and
+/// each says so.
+template <typename T, typename... Args>
+void SDBusSysD::fetch(const tCall& call, char type, T& value, const char* signature, Args... args)
+{
+    const std::lock_guard lock(mMutex);
+    if (mStopped)
+        return;
+    const MessagePtr message = prepare(call, signature, args...);
+    MessagePtr reply;
+    if (this->call(message.get(), &reply) < 0)
+        call.logFailure();
+    if constexpr (std::is_same_v<T, std::string>) {
+        const char* text = nullptr;
+        if (reply && sd_bus_message_read_basic(reply.get(), type, &text) > 0)
+            value = text;
+        else
+            call.logFailure();
+    } else if (!reply || sd_bus_message_read_basic(reply.get(), type, &value) <= 0) {
+        call.logFailure();
+    }
+}
+
+void SDBusSysD::methodNoParam(const char* member)
+{
+    invoke({kSysDCtrl, member, "Failed to call methodNoParam"}, "");
+}
+
+bool SDBusSysD::sysDaemonReady()
+{
+    const std::lock_guard lock(mMutex);
+    BusError error;
+    int ready = 0;
+    if (!mBus || sd_bus_get_property_trivial(mBus.get(), kDestination, kPath, kDestination, "Ready", error.get(), 'b',
+                                             &ready) < 0)
+        return false;
+    return ready != 0;
+}
+
+void SDBusSysD::setTime(unsigned long long unixTime)
+{
+    invoke({kSysDCtrl, "SetUnixTime", "Failed to call setTime"}, "t", std::uint64_t{unixTime});
+}
+
+void SDBusSysD::setTimeZone(unsigned int index, bool flag)
+{
+    // "beep" is what this line has always said
+    invoke({kSysDCtrl, "SetTimeZone", "Failed to call beep"}, "ub", index, int{flag});
+}
+
+void SDBusSysD::setBrightness(unsigned char brightness)
+{
+    invoke({kSysDCtrl, "SetBrightness", "Failed to call setBrightness"}, "u", std::uint32_t{brightness});
+}
+
+void SDBusSysD::setBrightnessRaw(unsigned char brightness)
+{
+    invoke({kSysDCtrl, "SetBrightnessRaw", "Failed to call setBrightnessRaw"}, "u", std::uint32_t{brightness});
+}
+
+void SDBusSysD::beep(unsigned int first, unsigned int second)
+{
+    invoke({kSysD, "BeepParam", "Failed to call beep"}, "uu", first, second);
+}
+
+void SDBusSysD::beep()
+{
+    methodNoParam("Beep");
+}
+
+void SDBusSysD::emuInputEv()
+{
+    methodNoParam("EmulateInputEvent");
+}
+
+void SDBusSysD::startUpdate()
+{
+    methodNoParam("SysUpdate");
+}
+
+void SDBusSysD::saveConfig()
+{
+    methodNoParam("SaveConfig");
+}
+
+void SDBusSysD::loadConfig()
+{
+    methodNoParam("LoadConfig");
+}
+
+void SDBusSysD::configureNet()
+{
+    methodNoParam("ConfigureNetwork");
+}
+
+void SDBusSysD::getIpAddress(std::string& address)
+{
+    fetch({kSysD, "GetNetIPv4Addr", "Failed to getIpAddress"}, 's', address, "");
+}
+
+bool SDBusSysD::getParamBool(ParamE param)
+{
+    int value = 0;
+    fetch({kSysD, "GetParamBool", "Failed to get param: ", Decimal(param)}, 'b', value, "u", std::uint32_t{param});
+    return value != 0;
+}
+
+int SDBusSysD::getParamInt(ParamE param)
+{
+    int value = 0;
+    fetch({kSysD, "GetParamInt", "Failed to get param: ", Decimal(param)}, 'i', value, "u", std::uint32_t{param});
+    return value;
+}
+
+std::string SDBusSysD::getParamString(ParamE param)
+{
+    std::string value;
+    fetch({kSysD, "GetParamString", "Failed to get param: ", Decimal(param)}, 's', value, "u", std::uint32_t{param});
+    return value;
+}
+
+void SDBusSysD::setParamBool(ParamE param, bool value)
+{
+    invoke({kSysD, "SetParamBool", "Failed to set param: ", Decimal(param)}, "ub", std::uint32_t{param}, int{value});
+}
+
+void SDBusSysD::setParamInt(ParamE param, int value)
+{
+    invoke({kSysD, "SetParamInt", "Failed to set param: ", Decimal(param)}, "ui", std::uint32_t{param}, value);
+}
+
+void SDBusSysD::setParamString(ParamE param, const std::string& value)
+{
+    invoke({kSysD, "SetParamString", "Failed to set param: ", Decimal(param)}, "us", std::uint32_t{param},
+           asArgument(value));
+}
+
+int SDBusSysD::getCfgInt(const std::string& key)
+{
+    int value = 0;
+    fetch({kSysD, "GetCfgInt", "Failed to get cfg: ", key}, 'i', value, "s", asArgument(key));
+    return value;
+}
+
+bool SDBusSysD::getCfgBool(const std::string& key)
+{
+    int value = 0;
+    fetch({kSysD, "GetCfgBool", "Failed to get cfg: ", key}, 'b', value, "s", asArgument(key));
+    return value != 0;
+}
+
+std::string SDBusSysD::getCfgString(const std::string& key)
+{
+    std::string value;
+    fetch({kSysD, "GetCfgString", "Failed to get cfg: ", key}, 's', value, "s", asArgument(key));
+    return value;
+}
+
+void SDBusSysD::setCfgString(const std::string& key, const std::string& value)
+{
+    invoke({kSysD, "SetCfgString", "Failed to set cfg: ", key}, "ss", asArgument(key), asArgument(value));
+}
+
+void SDBusSysD::setCfgInt(const std::string& key, int value)
+{
+    invoke({kSysD, "SetCfgInt", "Failed to set cfg: ", key}, "si", asArgument(key), value);
+}
+
+void SDBusSysD::addCfgVar(const std::string& key)
+{
+    invoke({kSysD, "AddCfgVar", "Failed to add cfg var: ", key}, "s", asArgument(key));
+}
