@@ -54,7 +54,7 @@ void encode(benchmark::State& state)
 {
     const Bytes in = message(state.range(0));
     Bytes out(in.size() + in.size() / 254 + 1);
-    for (auto _ : state)
+    for ([[maybe_unused]] const auto _ : state)
         benchmark::DoNotOptimize(SFrame::encodeSFrame(&in, out.data()));
     state.SetBytesProcessed(state.iterations() * state.range(0));
 }
@@ -65,7 +65,7 @@ void decode(benchmark::State& state)
     Bytes wire(in.size() + in.size() / 254 + 1);
     wire.resize(static_cast<std::size_t>(SFrame::encodeSFrame(&in, wire.data())));
     Bytes frame;
-    for (auto _ : state) {
+    for ([[maybe_unused]] const auto _ : state) {
         frame = wire;
         benchmark::DoNotOptimize(SFrame::decodeSFrame(frame));
     }
@@ -76,7 +76,7 @@ void crc(benchmark::State& state)
 {
     const SDataLink link;
     const Bytes in = message(state.range(0));
-    for (auto _ : state)
+    for ([[maybe_unused]] const auto _ : state)
         benchmark::DoNotOptimize(link.calcCrc16(&in));
     state.SetBytesProcessed(state.iterations() * state.range(0));
 }
@@ -92,7 +92,7 @@ void frameThereAndBack(benchmark::State& state)
     }
     const Bytes in = message(state.range(0));
     Bytes out;
-    for (auto _ : state) {
+    for ([[maybe_unused]] const auto _ : state) {
         out.clear();
         frame.writeSFrame(&in);
         benchmark::DoNotOptimize(frame.readSFrame(out));

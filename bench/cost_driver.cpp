@@ -3,11 +3,11 @@
 #include "qv/Port.h"
 #include "sim/Device.h"
 
-#include <dirent.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <stdexcept>
 #include <string>
@@ -55,19 +55,15 @@ void stop(sim::Device& device, qv::Peer& peer)
 /// How often the process's threads were woken so far.
 unsigned long wakeUps(pid_t pid)
 {
-    const std::string tasks = "/proc/" + std::to_string(pid) + "/task";
-    DIR* folder = opendir(tasks.c_str());
-    require(folder != nullptr, "no " + tasks);
+    const std::string key = "voluntary_ctxt_switches:";
     unsigned long sum = 0;
-    while (const dirent* entry = readdir(folder)) {
-        std::ifstream status(tasks + "/" + entry->d_name + "/status");
-        const std::string key = "voluntary_ctxt_switches:";
+    for (const auto& task : std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/task")) {
+        std::ifstream status(task.path() / "status");
         for (std::string line; std::getline(status, line);) {
             if (line.starts_with(key))
                 sum += std::stoul(line.substr(key.size()));
         }
     }
-    closedir(folder);
     return sum;
 }
 
