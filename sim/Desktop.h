@@ -61,7 +61,4 @@ private:
     BusPtr mBus;
 };
 
-/// A connection to the bus at the address, for a caller's own thread. Null when the bus is down.
-BusPtr openBus(const std::string& address);
-
 } // namespace sim

@@ -52,7 +52,7 @@ struct tFree
     }
 };
 
-using BusPtr = std::unique_ptr<sd_bus, tFree<sd_bus_flush_close_unref>>;
+using BusPtr = std::unique_ptr<sd_bus, tFree<sd_bus_close_unref>>;
 using MessagePtr = std::unique_ptr<sd_bus_message, tFree<sd_bus_message_unref>>;
 using SlotPtr = std::unique_ptr<sd_bus_slot, tFree<sd_bus_slot_unref>>;
 using EventPtr = std::unique_ptr<sd_event, tFree<sd_event_unref>>;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "sim/Child.h"
+#include "sim/Handles.h"
 
 #include <string>
 
@@ -32,5 +33,8 @@ private:
     std::string mAddress;
     Child mDaemon;
 };
+
+/// A fresh connection to the bus at the address, for the thread that opens it. Null when the bus is down.
+BusPtr openBus(const std::string& address);
 
 } // namespace sim

@@ -66,6 +66,8 @@ public:
     void crash();
     /// Present again, with a fresh connection when the old one is lost. Nothing happens while the bus is down.
     void comeBack();
+    /// The bus was restarted: present again if it was so before.
+    void busIsBack();
     /// Absent from now on, present after the time.
     void late(milliseconds delay);
 
@@ -112,22 +114,28 @@ protected:
 private:
     static int onMessage(sd_bus_message* message, void* userData, sd_bus_error* error) noexcept;
 
+    using Request = std::shared_ptr<sd_bus_message>;
+
     int handle(sd_bus_message* message);
-    int handleMember(const tMember& member, sd_bus_message* message);
-    void answer(const tMember& member, const std::shared_ptr<sd_bus_message>& request, tEvent event, bool recorded);
-    MessagePtr makeReply(const tMember& member, sd_bus_message* request, tBehaviour::ModeE mode, std::string& answer);
+    void handleMember(const tMember& member, const Request& request, tEvent event);
+    void answer(const tMember& member, const Request& request, tBehaviour::ModeE mode,
+                const std::function<void(std::string)>& tell);
+    MessagePtr makeReply(const tMember& member, sd_bus_message* request, tBehaviour::ModeE mode, BusError& error);
     const tMember* findMember(sd_bus_message* message) const;
     tBehaviour takeBehaviour(const std::string& member);
+    tEvent describe(const std::string& member, sd_bus_message* message, bool property) const;
     void connect();
     void disconnect();
+    void addObject();
 
     const PrivateBus& mBusDaemon;
     const tNames mNames;
     std::vector<tMember> mMembers;
-    std::vector<sd_bus_vtable> mTable; ///< for introspection
+    std::vector<sd_bus_vtable> mTable; ///< for introspection only
     std::map<std::string, tBehaviour> mBehaviours;
-    std::shared_ptr<bool> mAlive;
+    std::shared_ptr<bool> mAlive; ///< false once it has shut down
     bool mPresent = false;
+    bool mWanted = false; ///< to be present when the bus is
     BusPtr mBus;
     SlotPtr mObject;
     SlotPtr mVtable;
