@@ -58,7 +58,6 @@ SDBusSysD::SDBusSysD()
 
 void SDBusSysD::stop()
 {
-    const std::lock_guard lock(mMutex);
     mStopped = true;
 }
 

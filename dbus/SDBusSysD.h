@@ -4,6 +4,7 @@
 #include "dbus/NetConf.h"
 #include "dbus/ParamE.h"
 
+#include <atomic>
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -76,5 +77,5 @@ private:
 
     BusPtr mBus; ///< null when opening failed; used under mMutex
     std::mutex mMutex;
-    bool mStopped = false; ///< guarded by mMutex
+    std::atomic<bool> mStopped = false; ///< set without waiting for mMutex, looked at with it held
 };

@@ -10,7 +10,7 @@ void ThreadBase::start()
 {
     if (mRunning)
         return;
-    stop(); // a thread that has ended by itself is still to be joined
+    ThreadBase::stop(); // a thread that has ended by itself is still to be joined
     mRunning = true;
     mStopRequested = false;
     mJoinable = pthread_create(&mThread, nullptr, entry, this) == 0;
