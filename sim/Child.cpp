@@ -197,6 +197,7 @@ void Child::kill()
 {
     if (mPid <= 0)
         return;
+    ::kill(-mPid, SIGKILL); // its own children too
     ::kill(mPid, SIGKILL);
     wait(std::chrono::minutes{1});
 }

@@ -62,7 +62,7 @@ public:
     void signal(int number) const;
     /// Waits until it has ended; nothing at the deadline. Later calls give the same again.
     std::optional<tExit> wait(milliseconds deadline = kDeadline);
-    /// SIGKILL and wait.
+    /// SIGKILL, to its own children too, and wait.
     void kill();
 
 private:

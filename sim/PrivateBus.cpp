@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <fstream>
+#include <sstream>
 #include <stdexcept>
 
 namespace sim {
@@ -74,6 +75,8 @@ void PrivateBus::start()
     spawn.environment =
         environmentWithout({"DBUS_SYSTEM_BUS_ADDRESS", "DBUS_SESSION_BUS_ADDRESS", "LISTEN_FDS", "NOTIFY_SOCKET"});
     spawn.extra = theirs.get();
+    const UniqueFd log(open((mSocket + ".log").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
+    spawn.err = log.get();
     mDaemon = Child::spawn(spawn);
     theirs.reset();
 
@@ -82,7 +85,9 @@ void PrivateBus::start()
     char byte = 0;
     if (poll(&poller, 1, static_cast<int>(kDeadline.count())) <= 0 || read(ours.get(), &byte, 1) != 1) {
         mDaemon.kill();
-        throw std::runtime_error("dbus-daemon did not start (is it installed?)");
+        std::ostringstream said;
+        said << std::ifstream(mSocket + ".log").rdbuf();
+        throw std::runtime_error("dbus-daemon did not start (is it installed?) " + said.str());
     }
 }
 
