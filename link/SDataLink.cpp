@@ -1,7 +1,6 @@
 #include "link/SDataLink.h"
 
 #include <cstdio>
-#include <system_error>
 #include <utility>
 
 namespace {
@@ -26,8 +25,7 @@ SDataLink::SDataLink()
 
 SDataLink::~SDataLink()
 {
-    if (mReplyThread.joinable())
-        mReplyThread.join();
+    joinReply();
 }
 
 bool SDataLink::init()
@@ -106,19 +104,27 @@ void SDataLink::reply(std::unique_ptr<tBytes> payload)
 
 void SDataLink::reply(bool resend, std::unique_ptr<tBytes> frame)
 {
-    if (mReplyThread.joinable())
-        mReplyThread.join();
+    joinReply();
     if (!resend)
         mpLastReply = std::move(frame);
     if (!mpLastReply) {
         sendResetFrame();
         return;
     }
-    try {
-        mReplyThread = std::thread(&SDataLink::threadedReply, this, mpLastReply.get());
-    } catch (const std::system_error&) {
+    const auto entry = [](void* self) -> void* {
+        auto* link = static_cast<SDataLink*>(self);
+        link->threadedReply(link->mpLastReply.get());
+        return nullptr;
+    };
+    mReplying = pthread_create(&mReplyThread, nullptr, entry, this) == 0;
+    if (!mReplying)
         threadedReply(mpLastReply.get()); // no thread to be had: the reply is worth the wait
-    }
+}
+
+void SDataLink::joinReply()
+{
+    if (std::exchange(mReplying, false))
+        pthread_join(mReplyThread, nullptr);
 }
 
 void SDataLink::threadedReply(const tBytes* frame)

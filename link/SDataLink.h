@@ -2,10 +2,11 @@
 
 #include "link/SFrame.h"
 
+#include <pthread.h>
+
 #include <array>
 #include <cstdint>
 #include <memory>
-#include <thread>
 #include <vector>
 
 /// The layer between frames and messages: a header byte (bits 0 to 3 sequence number, bit 4 reset) in front of each
@@ -59,10 +60,12 @@ private:
     bool awaitFrame(tBytes& msg);
     int checkRecvFrame(tBytes& frame);
     int answerHandled(bool resend);
+    void joinReply();
     void threadedReply(const tBytes* frame);
 
     std::unique_ptr<SFrame> mpFrame;
-    std::thread mReplyThread;
+    pthread_t mReplyThread{}; ///< no std::thread: freeing its state would cost each reply an allocator of its own
+    bool mReplying = false;   ///< mReplyThread is to be joined
     std::unique_ptr<tBytes> mpLastReply; ///< read by the reply thread, so replaced only after joining it
     std::uint8_t mSequence = 0;          ///< of the last frame sent, or of the last reset frame received
     bool mSynchronised = false;

@@ -4,6 +4,7 @@
 #include "link/SerialException.h"
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <memory>
 #include <stdexcept>
@@ -13,6 +14,7 @@ namespace {
 
 constexpr int kTimeoutMs = 1000;
 constexpr unsigned int kChunkSize = 64;
+constexpr std::size_t kUsualSize = 256;
 constexpr unsigned char kDelimiter = 0;
 constexpr unsigned char kFullGroup = 0xFF; ///< code of 254 bytes with no zero after them
 /// Fills a long frame between the end of its encoding and the delimiter; any byte but the delimiter would do.
@@ -83,11 +85,19 @@ bool SFrame::writeSFrame(const std::vector<unsigned char>* frame)
     try {
         if (mpBackend == nullptr)
             throw std::logic_error("no backend");
-        std::vector<unsigned char> wire(encodedCapacity(frame->size()) + 1, kFiller);
-        wire.back() = kDelimiter;
-        encodeSFrame(frame, wire.data());
-        const auto size = static_cast<unsigned int>(wire.size());
-        return mpBackend->writeBlocking(wire.data(), size, kTimeoutMs) >= static_cast<int>(size);
+        // No allocation for a reply of usual length: a thread's first one costs more than the rest of the reply.
+        std::array<unsigned char, kUsualSize> usual;
+        std::vector<unsigned char> longer;
+        const std::size_t size = encodedCapacity(frame->size()) + 1;
+        unsigned char* wire = usual.data();
+        if (size > usual.size()) {
+            longer.resize(size);
+            wire = longer.data();
+        }
+        std::fill_n(wire, size, kFiller);
+        wire[size - 1] = kDelimiter;
+        encodeSFrame(frame, wire);
+        return mpBackend->writeBlocking(wire, static_cast<unsigned int>(size), kTimeoutMs) >= static_cast<int>(size);
     } catch (...) {
         onFailure();
         return false;
