@@ -163,8 +163,9 @@ void Vorlan::reply(bool error, unsigned char cmd, const std::string& text)
 
 int Vorlan::toInt(unsigned int pos, const tBytes& data)
 {
-    return static_cast<int>(byteAt(pos, data) | byteAt(pos + 1U, data) << 8U | byteAt(pos + 2U, data) << 16U |
-                            byteAt(pos + 3U, data) << 24U);
+    const std::size_t at = pos;
+    return static_cast<int>(byteAt(at, data) | byteAt(at + 1, data) << 8U | byteAt(at + 2, data) << 16U |
+                            byteAt(at + 3, data) << 24U);
 }
 
 unsigned long long Vorlan::toUInt64(unsigned int pos, const tBytes& data)
