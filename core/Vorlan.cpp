@@ -37,7 +37,11 @@ Vorlan::Vorlan()
         std::signal(signal, onStopSignal);
 }
 
-Vorlan::~Vorlan() = default;
+Vorlan::~Vorlan()
+{
+    if (mLogoThread.joinable())
+        stopWorkers();
+}
 
 void Vorlan::init()
 {

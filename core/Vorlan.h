@@ -32,6 +32,7 @@ public:
 
     /// Installs the handlers of the stop signals.
     Vorlan();
+    /// Waits until the last reply is written and what a request has started is over.
     virtual ~Vorlan();
     Vorlan(const Vorlan&) = delete;
     Vorlan& operator=(const Vorlan&) = delete;
@@ -42,8 +43,8 @@ public:
     /// Device path and rate in bit/s for run; rate 0: run takes both from the system daemon's configuration.
     void setSerialCfg(const std::string& device, unsigned int baud);
 
-    /// The whole life of the link. Returns when the daemon is to stop, with nothing left running that it started but
-    /// the last reply, for which the destructor waits.
+    /// The whole life of the link. Returns when the daemon is to stop; of what it started nothing runs any more but the
+    /// last reply.
     void run();
 
     /// Handles one request message and sends its reply. True when the request was accepted; throws VorlanException
