@@ -64,6 +64,7 @@ tResult Peer::requestInStep(ByteView message, bool safeToRepeat)
         if (!mInStep && !sync()) {
             return result;
         }
+        result.wasInStep = true;
         const auto last = exchange(mNumber, message);
         if (last.end == EndE::eReply) {
             mNumber = last.frame.number();

@@ -38,6 +38,8 @@ struct tResult
     Bytes data; ///< what followed the status byte of the reply
     /// Without an answer: the request may have been carried out all the same (always false for register reads).
     bool mayBeDone = false;
+    /// We were in step when the request was sent: the line and the daemon worked until then.
+    bool wasInStep = false;
     std::chrono::nanoseconds roundTrip{0}; ///< from the last sending to the reply
     tPeerCounts counts;                    ///< of this request, getting in step included
 

@@ -1,24 +1,315 @@
-#include "qv/Peer.h"
+#include "qv/BadLine.h"
+#include "qv/List.h"
 #include "qv/Port.h"
+#include "qv/Session.h"
+#include "qv/Shell.h"
+#include "qv/Values.h"
 
-#include <cstdio>
-#include <cstdlib>
+#include <CLI/CLI.hpp>
 
-/// vorlan-qv DEV BAUD: gets in step with the daemon.
+#include <iostream>
+#include <limits>
+#include <map>
+#include <memory>
+#include <random>
+
+namespace {
+
+constexpr const char* kVersion = "vorlan-qv " VORLAN_VERSION;
+
+constexpr const char* kFooter = R"(
+Examples
+  vorlan-qv --port /dev/ttyUSB0 read brightness-raw        how bright is the display?
+  vorlan-qv --port /dev/ttyUSB0 write qv-ip-addr 10.0.0.5  tell the device QV's address
+  vorlan-qv --port /dev/ttyUSB0 call set-brightness 80     make it brighter
+  vorlan-qv --port /dev/ttyUSB0 boot boot.example          play QV's start-up
+  vorlan-qv --port /dev/ttyUSB0 shell                      try things by hand
+  vorlan-qv list                                           every register and method
+  vorlan-qv --port /dev/ttyUSB0 --trace ping --count 1     nothing answers? see what is sent and what comes back
+
+Exit status: 0 done, 1 refused by the device, 2 usage, 3 no answer (or no line, or the outcome is unknown).)";
+
+/// CLI11 takes "-5" for an option. Negative numbers are marked before it sees them, and unmarked after.
+constexpr char kNegativeMark = '\x01';
+
+struct tArguments
+{
+    std::string port;
+    unsigned baud = 115200;
+    unsigned timeout = 500;
+    unsigned tries = 5;
+    qv::tSessionOptions session;
+    bool trace = false;
+    qv::tBadLineOptions bad;
+    unsigned delay = 0;
+
+    std::vector<std::string> words; ///< of read and call
+    std::string name;
+    std::string value;
+    std::string file;
+    unsigned every = 1000;
+    unsigned count = 0;
+    unsigned pings = 100;
+    std::map<std::string, std::string> network;
+};
+
+std::string unmarked(std::string text)
+{
+    if (!text.empty() && text[0] == kNegativeMark) {
+        text.erase(0, 1);
+    }
+    return text;
+}
+
+std::vector<std::string> markNegatives(int argc, char** argv)
+{
+    std::vector<std::string> args(argv + 1, argv + argc);
+    for (auto& arg : args) {
+        if (arg.size() > 1 && arg[0] == '-' &&
+            (std::isdigit(static_cast<unsigned char>(arg[1])) != 0 || arg[1] == '.')) {
+            arg.insert(arg.begin(), kNegativeMark);
+        }
+    }
+    std::ranges::reverse(args); // as CLI11 wants them
+    return args;
+}
+
+/// What is wrong with a rate; empty for a good one.
+std::string checkRate(const std::string& text)
+{
+    try {
+        const auto baud = qv::parseNumber(text, 0, std::numeric_limits<std::int32_t>::max());
+        if (qv::Port::isKnownRate(static_cast<unsigned>(baud))) {
+            return {};
+        }
+    } catch (const qv::ValueError&) {
+        return "'" + text + "' is no rate";
+    }
+    return "no such rate; there are " + qv::Port::knownRates();
+}
+
+void addLineOptions(CLI::App& app, tArguments& arguments)
+{
+    app.add_option("-p,--port", arguments.port, "serial port to the device, for instance /dev/ttyUSB0")
+        ->envname("VORLAN_QV_PORT")
+        ->type_name("DEV");
+    app.add_option("-b,--baud", arguments.baud, "rate of the line in bit/s")
+        ->envname("VORLAN_QV_BAUD")
+        ->type_name("N")
+        ->capture_default_str()
+        ->check(checkRate);
+    app.add_option("--timeout", arguments.timeout, "how long one try waits for its answer, in ms")
+        ->type_name("MS")
+        ->capture_default_str()
+        ->check(CLI::Range(1, 600000));
+    app.add_option("--tries", arguments.tries, "how often a request is sent at most")
+        ->type_name("N")
+        ->capture_default_str()
+        ->check(CLI::Range(1, 1000));
+}
+
+void addOutputOptions(CLI::App& app, tArguments& arguments)
+{
+    app.add_flag("-j,--json", arguments.session.json, "results as JSON, one object in a line");
+    app.add_flag("-t,--trace", arguments.trace, "show each frame, field by field, on standard error");
+    app.add_flag("-q,--quiet", arguments.session.quiet, "only values and errors");
+}
+
+void addBadLineOptions(CLI::App& app, tArguments& arguments)
+{
+    const std::string group = "A bad line on purpose, in both directions";
+    const auto probability = [&](const char* name, double& target, const char* text) {
+        app.add_option(name, target, text)->type_name("P")->check(CLI::Range(0.0, 1.0))->group(group);
+    };
+    probability("--lose", arguments.bad.lose, "probability that a frame is lost, 0 to 1");
+    probability("--corrupt", arguments.bad.corrupt, "probability that a byte of a frame is changed");
+    probability("--stray", arguments.bad.stray, "probability that a stray byte comes before a frame");
+    app.add_flag("--split", arguments.bad.split, "each frame comes in two pieces")->group(group);
+    app.add_option("--delay", arguments.delay, "each frame comes late by up to this, in ms")
+        ->type_name("MS")
+        ->check(CLI::Range(0, 60000))
+        ->group(group);
+    app.add_option("--burst", arguments.bad.burst, "a loss or corruption goes on for so many frames")
+        ->type_name("N")
+        ->capture_default_str()
+        ->group(group);
+    app.add_option("--seed", arguments.bad.seed, "the same seed does the same again")
+        ->type_name("N")
+        ->capture_default_str()
+        ->group(group);
+}
+
+void addNetworkOptions(CLI::App& command, tArguments& arguments)
+{
+    const auto* method = qv::findMethod("set-network-cfg");
+    for (const auto& field : method->args) {
+        const std::string preset = qv::defaultOf(*method, field);
+        command
+            .add_option("--" + std::string(field.name), arguments.network[field.name],
+                        std::string(field.meaning) +
+                            (preset.empty() ? " (default: empty)" : " (default: " + preset + ")"))
+            ->type_name(qv::typeName(field.type));
+    }
+    command.add_option("--file", arguments.file, "take the fields from a file with lines name = value; options win")
+        ->type_name("FILE")
+        ->check(CLI::ExistingFile);
+}
+
+const char* nameOf(const wire::tRegister& reg)
+{
+    return reg.value.name;
+}
+const char* nameOf(const wire::tMethod& method)
+{
+    return method.name;
+}
+
+template <class Entry>
+std::string namesOf(std::span<const Entry> table)
+{
+    std::string names;
+    for (const auto& entry : table) {
+        names += (names.empty() ? "" : ", ") + std::string(nameOf(entry));
+    }
+    return names;
+}
+
+void addCommands(CLI::App& app, tArguments& arguments)
+{
+    auto* read = app.add_subcommand("read", "read registers");
+    read->footer("\nRegisters: " + namesOf<wire::tRegister>(wire::kReadRegisters));
+    read->add_option("NAME", arguments.words, "names or numbers of registers")->required();
+    auto* write = app.add_subcommand("write", "write a register");
+    write->footer("\nRegisters: " + namesOf<wire::tRegister>(wire::kWriteRegisters));
+    write->add_option("NAME", arguments.name, "name or number of the register")->required();
+    write->add_option("VALUE", arguments.value, "the value, as 'list' says")->required();
+    auto* call = app.add_subcommand("call", "call a method");
+    call->footer("\nMethods: " + namesOf<wire::tMethod>(wire::kMethods));
+    call->add_option("NAME", arguments.name, "name or number of the method")->required();
+    call->add_option("ARGUMENT", arguments.words, "arguments in their order, or as name=value");
+    addNetworkOptions(*app.add_subcommand("network", "set up a network interface (method set-network-cfg)"), arguments);
+    auto* boot = app.add_subcommand("boot", "play a start-up from a file of commands");
+    boot->add_option("FILE", arguments.file, "commands as in the shell, one in a line")->required();
+    app.add_subcommand("shell", "a prompt with history and completion");
+    app.add_subcommand("list", "all registers and methods with types, units and meaning (needs no port)");
+    auto* watch = app.add_subcommand("watch", "read a register again and again, show each change");
+    watch->add_option("NAME", arguments.name, "name or number of the register")->required();
+    watch->add_option("--every", arguments.every, "time between two readings, in ms")
+        ->type_name("MS")
+        ->capture_default_str();
+    watch->add_option("--count", arguments.count, "end after so many readings (0: Ctrl-C ends it)")
+        ->type_name("N")
+        ->capture_default_str();
+    auto* ping = app.add_subcommand("ping", "measure round trips of a harmless read");
+    ping->add_option("--count", arguments.pings, "how many")
+        ->type_name("N")
+        ->capture_default_str()
+        ->check(CLI::PositiveNumber);
+}
+
+/// The arguments of set-network-cfg as name=value, those of the file first.
+std::vector<std::string> networkWords(const CLI::App& command, const tArguments& arguments)
+{
+    std::vector<std::string> words;
+    if (!arguments.file.empty()) {
+        words.push_back("@" + arguments.file);
+    }
+    for (const auto& [name, value] : arguments.network) {
+        if (command.count("--" + name) != 0) {
+            words.push_back(name + "=" + value);
+        }
+    }
+    return words;
+}
+
+std::vector<std::string> commandWords(const CLI::App& command, const tArguments& arguments)
+{
+    const auto name = command.get_name();
+    std::vector<std::string> words{name};
+    if (name == "network") {
+        const auto network = networkWords(command, arguments);
+        words.insert(words.end(), network.begin(), network.end());
+    } else if (name == "boot") {
+        words.push_back(arguments.file);
+    } else if (name == "watch") {
+        words.insert(words.end(), {arguments.name, "--every", std::to_string(arguments.every), "--count",
+                                   std::to_string(arguments.count)});
+    } else if (name == "ping") {
+        words.insert(words.end(), {"--count", std::to_string(arguments.pings)});
+    } else {
+        if (name != "read") {
+            words.push_back(arguments.name);
+        }
+        if (name == "write") {
+            words.push_back(unmarked(arguments.value));
+        }
+        for (const auto& word : arguments.words) {
+            words.push_back(unmarked(word));
+        }
+    }
+    return words;
+}
+
+int runOnLine(const CLI::App& command, const tArguments& arguments)
+{
+    auto port = qv::Port::open(arguments.port, arguments.baud);
+    auto badOptions = arguments.bad;
+    badOptions.delay = std::chrono::milliseconds(arguments.delay);
+    std::unique_ptr<qv::BadLine> bad;
+    if (!badOptions.isGood()) {
+        bad = std::make_unique<qv::BadLine>(port, badOptions);
+    }
+    qv::tPeerOptions options;
+    options.timeout = std::chrono::milliseconds(arguments.timeout);
+    options.tries = arguments.tries;
+    options.baud = arguments.baud;
+    // A late answer to an earlier run must not look like the answer to this one's first frame.
+    options.firstNumber = static_cast<std::uint8_t>(std::random_device()() % 16);
+    qv::Peer peer(bad ? static_cast<qv::Line&>(*bad) : port, options);
+    qv::Session session(peer, std::cout, std::cerr, arguments.session);
+    session.setTrace(arguments.trace);
+    if (command.get_name() == "shell") {
+        return qv::runShell(session, {.historyFile = qv::defaultHistoryFile(), .extra = {}});
+    }
+    const qv::StopOnSignal stop(session);
+    return session.run(commandWords(command, arguments));
+}
+
+} // namespace
+
 int main(int argc, char** argv)
 {
-    if (argc != 3) {
-        std::fputs("usage: vorlan-qv DEV BAUD\n", stderr);
-        return 2;
+    tArguments arguments;
+    CLI::App app("QV's side of the line to a vorlan display: read and write its registers, call its methods.",
+                 "vorlan-qv");
+    app.set_version_flag("--version", kVersion);
+    app.set_help_all_flag("--help-all", "print the help of every command too");
+    app.require_subcommand(1);
+    app.fallthrough();
+    addLineOptions(app, arguments);
+    addOutputOptions(app, arguments);
+    addBadLineOptions(app, arguments);
+    addCommands(app, arguments);
+    app.footer(kFooter);
+    try {
+        app.parse(markNegatives(argc, argv));
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? qv::eStatusDone : qv::eStatusUsage;
+    }
+    const auto& command = *app.get_subcommands().front();
+    if (command.get_name() == "list") {
+        qv::writeList(std::cout, arguments.session.json);
+        return qv::eStatusDone;
+    }
+    if (arguments.port.empty()) {
+        std::cerr << "vorlan-qv: which port? Give --port, for instance --port /dev/ttyUSB0, or set VORLAN_QV_PORT.\n";
+        return qv::eStatusUsage;
     }
     try {
-        auto port = qv::Port::open(argv[1], static_cast<unsigned>(std::atoi(argv[2])));
-        qv::Peer peer(port);
-        const bool inStep = peer.sync();
-        std::puts(inStep ? "in step" : "no answer");
-        return inStep ? 0 : 3;
+        return runOnLine(command, arguments);
     } catch (const qv::LineError& error) {
-        std::fprintf(stderr, "vorlan-qv: %s\n", error.what());
-        return 3;
+        std::cerr << "vorlan-qv: " << error.what() << '\n'
+                  << "  Is it the right port (ls /dev/ttyUSB* /dev/ttyS*)? May you use it (group dialout)?\n";
+        return qv::eStatusNoAnswer;
     }
 }

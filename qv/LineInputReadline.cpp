@@ -1,0 +1,114 @@
+#include "qv/LineInput.h"
+
+#include <readline/history.h>
+#include <readline/readline.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+namespace qv {
+
+namespace {
+
+constexpr int kHistoryMax = 1000;
+
+std::atomic<bool> sInterrupted{false};
+
+/// readline knows no user data.
+LineInput::CompleteFn& completeFn()
+{
+    static LineInput::CompleteFn function;
+    return function;
+}
+
+std::vector<std::string>& found()
+{
+    static std::vector<std::string> words;
+    return words;
+}
+
+extern "C" {
+
+/// Gives the found words one after another; readline frees them.
+char* nextFound(const char*, int state) noexcept
+{
+    static std::size_t next = 0;
+    if (state == 0) {
+        next = 0;
+    }
+    return next < found().size() ? strdup(found()[next++].c_str()) : nullptr;
+}
+
+char** completeWord(const char* word, int start, int) noexcept
+{
+    rl_attempted_completion_over = 1; // no file names where none belong
+    found() = completeFn()(std::string(rl_line_buffer, static_cast<std::size_t>(start)), word);
+    rl_completion_append_character = found().size() == 1 && found()[0].ends_with('=') ? '\0' : ' ';
+    return rl_completion_matches(word, nextFound);
+}
+
+/// Called on every signal, a changed window size for instance.
+int clearLine() noexcept
+{
+    if (!sInterrupted.exchange(false)) {
+        return 0;
+    }
+    rl_crlf();
+    rl_replace_line("", 0);
+    rl_done = 1;
+    return 0;
+}
+
+} // extern "C"
+
+} // namespace
+
+LineInput::LineInput(CompleteFn complete, std::string historyFile)
+    : mHistoryFile(std::move(historyFile))
+{
+    completeFn() = std::move(complete);
+    rl_readline_name = "vorlan-qv";
+    rl_attempted_completion_function = completeWord;
+    rl_completer_word_break_characters = const_cast<char*>(" \t");
+    rl_signal_event_hook = clearLine;
+    using_history();
+    stifle_history(kHistoryMax);
+    if (!mHistoryFile.empty()) {
+        read_history(mHistoryFile.c_str());
+    }
+}
+
+LineInput::~LineInput()
+{
+    if (!mHistoryFile.empty()) {
+        write_history(mHistoryFile.c_str());
+    }
+    rl_attempted_completion_function = nullptr;
+    rl_signal_event_hook = nullptr;
+    completeFn() = nullptr;
+    clear_history();
+}
+
+void LineInput::interrupt() noexcept
+{
+    sInterrupted = true;
+}
+
+std::optional<std::string> LineInput::next(const std::string& prompt)
+{
+    sInterrupted = false;
+    const std::unique_ptr<char, decltype(&std::free)> typed(readline(prompt.c_str()), &std::free);
+    if (!typed) {
+        return std::nullopt;
+    }
+    std::string line(typed.get());
+    const auto* last = history_length > 0 ? history_get(history_base + history_length - 1) : nullptr;
+    if (!line.empty() && (last == nullptr || line != last->line)) {
+        add_history(line.c_str());
+    }
+    return line;
+}
+
+} // namespace qv
