@@ -83,6 +83,13 @@ tBehaviour tBehaviour::crash(milliseconds backAfter)
     return out;
 }
 
+tBehaviour tBehaviour::held()
+{
+    tBehaviour out;
+    out.mode = eHeld;
+    return out;
+}
+
 tBehaviour tBehaviour::times(unsigned calls) const
 {
     tBehaviour out = *this;
@@ -134,6 +141,14 @@ void Service::setBehaviour(const std::string& member, const tBehaviour& behaviou
 void Service::clearBehaviour()
 {
     mLoop.call([this] { mBehaviours.clear(); });
+}
+
+void Service::release()
+{
+    mLoop.call([this] {
+        for (const auto& answerOne : std::exchange(mHeld, {}))
+            answerOne();
+    });
 }
 
 bool Service::present() const
@@ -209,6 +224,7 @@ void Service::addObject()
 void Service::disconnect()
 {
     mPresent = false;
+    mHeld.clear();
     mObject.reset();
     mVtable.reset();
     mBus.reset();
@@ -340,12 +356,17 @@ void Service::handleMember(const tMember& member, const Request& request, tEvent
         addAnswered("error " + behaviour.errorName);
         sd_bus_reply_method_errorf(request.get(), behaviour.errorName.c_str(), "%s", "told to fail");
         return;
-    case tBehaviour::eDelay: {
+    case tBehaviour::eDelay:
+    case tBehaviour::eHeld: {
         const std::size_t id = mTimeline.add(event);
-        after(behaviour.delay, [this, &member, request, id] {
+        const auto answerLater = [this, &member, request, id] {
             answer(member, request, tBehaviour::eNormal,
                    [this, id](std::string text) { mTimeline.setAnswer(id, std::move(text)); });
-        });
+        };
+        if (behaviour.mode == tBehaviour::eHeld)
+            mHeld.emplace_back(answerLater);
+        else
+            after(behaviour.delay, answerLater);
         return;
     }
     case tBehaviour::eNormal:

@@ -23,6 +23,7 @@ struct tBehaviour
         eWrongType, ///< answers with a value of another type
         eEmpty,     ///< answers without a value
         eCrash,     ///< its connection closes before the answer; comes back after a while
+        eHeld,      ///< answers, and does its work, when release() is called
     };
 
     ModeE mode = eNormal;
@@ -37,6 +38,7 @@ struct tBehaviour
     static tBehaviour wrongType();
     static tBehaviour empty();
     static tBehaviour crash(milliseconds backAfter = milliseconds{100});
+    static tBehaviour held();
     tBehaviour times(unsigned calls) const;
 };
 
@@ -57,6 +59,8 @@ public:
     /// member "*" stands for every member that has no behaviour of its own. A property goes by its name.
     void setBehaviour(const std::string& member, const tBehaviour& behaviour);
     void clearBehaviour();
+    /// Answers the calls that were held, in their order. What held them goes on holding the next ones.
+    void release();
 
     /// Owns its name on the bus.
     bool present() const;
@@ -133,7 +137,8 @@ private:
     std::vector<tMember> mMembers;
     std::vector<sd_bus_vtable> mTable; ///< for introspection only
     std::map<std::string, tBehaviour> mBehaviours;
-    std::shared_ptr<bool> mAlive; ///< false once it has shut down
+    std::vector<std::function<void()>> mHeld; ///< answer the calls held
+    std::shared_ptr<bool> mAlive;             ///< false once it has shut down
     bool mPresent = false;
     bool mWanted = false; ///< to be present when the bus is
     BusPtr mBus;
