@@ -162,14 +162,15 @@ public:
             std::rethrow_exception(error);
         }
         if (!step.chunk.empty()) {
-            const auto count = std::min<std::size_t>(len, step.chunk.size());
-            const auto end = step.chunk.begin() + static_cast<std::ptrdiff_t>(count);
-            std::copy(step.chunk.begin(), end, buf);
-            step.chunk.erase(step.chunk.begin(), end);
+            const auto count = std::min<std::size_t>(len, step.chunk.size() - mDelivered);
+            std::copy_n(step.chunk.begin() + static_cast<std::ptrdiff_t>(mDelivered), count, buf);
+            mDelivered += count;
             result = static_cast<int>(count);
         }
-        if (step.chunk.empty())
+        if (mDelivered == step.chunk.size()) {
+            mDelivered = 0;
             mSteps.pop_front();
+        }
         return result;
     }
 
@@ -214,6 +215,7 @@ private:
     mutable std::mutex mMutex; ///< guards all that follows
     std::condition_variable mChanged;
     std::deque<tStep> mSteps;
+    std::size_t mDelivered = 0; ///< of the first step's chunk
     std::vector<tCall> mReads;
     std::vector<tCall> mWrites;
     std::vector<tInit> mInits;
