@@ -26,7 +26,7 @@ std::string whatCame(const tPeerCounts& counts)
 
 std::string whatToTry(const tRequest& request, const tResult& result, const tPeerOptions& options)
 {
-    const auto& counts = result.counts;
+    const auto& counts = result.last;
     const auto rate = options.baud != 0 ? std::to_string(options.baud) + " bit/s" : std::string("this rate");
     const bool isRead = (request.message[0] & wire::kCommandMask) == wire::eCmdReadReg;
     if (isRead && !request.replyType && result.wasInStep) {
@@ -58,7 +58,7 @@ std::string whatToTry(const tRequest& request, const tResult& result, const tPee
 
 std::string explainNoAnswer(const tRequest& request, const tResult& result, const tPeerOptions& options)
 {
-    const auto& counts = result.counts;
+    const auto& counts = result.last;
     std::string text;
     if (result.outcome == OutcomeE::eUnknown) {
         text =

@@ -53,6 +53,7 @@ tResult Peer::request(ByteView message, bool safeToRepeat)
     auto result = requestInStep(message, safeToRepeat);
     result.mayBeDone = result.mayBeDone && !isRead(message);
     result.counts = mCounts - before;
+    result.last = mCounts - mBeforeExchange;
     return result;
 }
 
@@ -126,6 +127,7 @@ Peer::tExchange Peer::exchange(std::uint8_t header, ByteView message)
     const auto wire = toWire(frame);
     const auto parsed = parseWire(ByteView(wire).first(wire.size() - 1));
     const bool syncing = (header & kResetFlag) != 0;
+    mBeforeExchange = mCounts;
     tExchange result;
     while (result.sends < mOptions.tries) {
         mSends = ++result.sends;

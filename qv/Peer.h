@@ -42,6 +42,7 @@ struct tResult
     bool wasInStep = false;
     std::chrono::nanoseconds roundTrip{0}; ///< from the last sending to the reply
     tPeerCounts counts;                    ///< of this request, getting in step included
+    tPeerCounts last;                      ///< of the last frame that was sent, and its repeats
 
     bool done() const { return outcome == OutcomeE::eDone; }
 };
@@ -180,6 +181,7 @@ private:
     tPeerCounts mCounts;
     bool mInStep = false;
     std::uint8_t mNumber;
+    tPeerCounts mBeforeExchange;
     unsigned mSends = 0;                    ///< of the exchange under way
     std::chrono::nanoseconds mRoundTrip{0}; ///< smoothed; 0: none yet
 };

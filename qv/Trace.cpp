@@ -184,6 +184,8 @@ void FrameTrace::writeFields(const tParsedFrame& frame, bool sent)
     writeField(0, Bytes{frame.header}, "number " + std::to_string(frame.number()) + flag);
     if (sent) {
         writeRequest(frame.payload);
+    } else if (frame.isResetFrame()) {
+        writeField(1, frame.payload, "nothing else: a reset frame");
     } else {
         writeReply(frame.payload);
     }

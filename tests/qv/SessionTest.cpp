@@ -1,0 +1,297 @@
+#include "qv/Session.h"
+
+#include "qv/Ping.h"
+#include "qv/Shell.h"
+#include "qv/Words.h"
+#include "tests/qv/Hex.h"
+
+#include <gtest/gtest.h>
+
+#include <deque>
+#include <sstream>
+
+namespace {
+
+using namespace std::chrono_literals;
+using Words = std::vector<std::string>;
+
+/// Answers each frame with what was laid down for it.
+class AnsweringLine : public qv::Line
+{
+public:
+    void write(qv::ByteView) override
+    {
+        if (!mAnswers.empty()) {
+            mIncoming.insert(mIncoming.end(), mAnswers.front().begin(), mAnswers.front().end());
+            mAnswers.pop_front();
+        }
+    }
+    qv::Bytes read(qv::Clock::time_point) override { return std::exchange(mIncoming, {}); }
+
+    std::deque<qv::Bytes> mAnswers;
+
+private:
+    qv::Bytes mIncoming;
+};
+
+qv::Bytes frame(unsigned header, const std::string& payload)
+{
+    return qv::toWire(qv::buildFrame(static_cast<std::uint8_t>(header), hex(payload)));
+}
+
+class SessionTest : public testing::Test
+{
+protected:
+    void answers(std::initializer_list<qv::Bytes> frames)
+    {
+        mLine.mAnswers.insert(mLine.mAnswers.end(), frames.begin(), frames.end());
+    }
+
+    AnsweringLine mLine;
+    qv::Peer mPeer{mLine, {.timeout = 7ms, .tries = 3, .baud = 0}};
+    std::ostringstream mOut;
+    std::ostringstream mErr;
+    qv::Session mSession{mPeer, mOut, mErr};
+};
+
+TEST_F(SessionTest, ReadsSeveralRegistersInATable)
+{
+    answers({frame(1, "00 00"), frame(2, "00 50"), frame(3, "00 61 00")});
+    EXPECT_EQ(mSession.run(Words{"read", "brightness-raw", "ip-addr"}), qv::eStatusDone);
+    EXPECT_EQ(mOut.str(), "brightness-raw  80\nip-addr         a\n");
+}
+
+TEST_F(SessionTest, ShowsRegistersBeyondTheTableAsBytes)
+{
+    answers({frame(1, "00 00"), frame(2, "00 50 51")});
+    EXPECT_EQ(mSession.runLine("read 0xFE"), qv::eStatusDone);
+    EXPECT_EQ(mOut.str(), "254  50 51\n");
+}
+
+TEST_F(SessionTest, NothingIsSentForAMistake)
+{
+    EXPECT_EQ(mSession.runLine("read brightness-raw nonsense"), qv::eStatusUsage);
+    EXPECT_EQ(mPeer.counts().sent, 0U);
+    EXPECT_EQ(mSession.runLine("write qv-status"), qv::eStatusUsage);
+    EXPECT_EQ(mSession.runLine("read 'x"), qv::eStatusUsage);
+    EXPECT_EQ(mSession.runLine("jump"), qv::eStatusUsage);
+    EXPECT_EQ(mErr.str(), "there is no register to read called 'nonsense'; 'list' shows all\n"
+                          "usage: write NAME VALUE\n"
+                          "a quotation mark ' is missing\n"
+                          "there is no command 'jump'; 'help' shows all\n");
+    EXPECT_EQ(mSession.runLine("   "), qv::eStatusDone);
+}
+
+TEST_F(SessionTest, TellsOfARefusal)
+{
+    answers({frame(1, "00 00"), frame(2, "82")});
+    EXPECT_EQ(mSession.runLine("call set-cfg-str '' x"), qv::eStatusRefused);
+    EXPECT_NE(mErr.str().find("call set-cfg-str: refused by the device (error bit set)"), std::string::npos);
+}
+
+TEST_F(SessionTest, TellsWhenNothingComes)
+{
+    EXPECT_EQ(mSession.runLine("call beep"), qv::eStatusNoAnswer);
+    EXPECT_NE(mErr.str().find("call beep: no answer: nothing at all came back in 3 tries of 7 ms."), std::string::npos);
+    EXPECT_NE(mErr.str().find("Is the daemon running"), std::string::npos);
+    EXPECT_NE(mErr.str().find("--baud"), std::string::npos);
+    EXPECT_EQ(mErr.str().find("may have been carried out"), std::string::npos) << "it was never sent";
+}
+
+TEST_F(SessionTest, TellsWhenOnlyTheAnswerIsMissing)
+{
+    answers({frame(1, "00 00")});
+    EXPECT_EQ(mSession.runLine("call beep"), qv::eStatusNoAnswer);
+    EXPECT_NE(mErr.str().find("The daemon was in step just before."), std::string::npos);
+    EXPECT_NE(mErr.str().find("may have been carried out"), std::string::npos);
+}
+
+TEST_F(SessionTest, TellsThatAnUnknownRegisterIsNeverAnswered)
+{
+    answers({frame(1, "00 00")});
+    EXPECT_EQ(mSession.runLine("read 10"), qv::eStatusNoAnswer);
+    EXPECT_NE(mErr.str().find("The daemon never answers the read of a register that it does not have"),
+              std::string::npos);
+}
+
+TEST_F(SessionTest, TellsOfBrokenFrames)
+{
+    answers({hex("55 66 77 00"), hex("55 66 77 00"), hex("55 66 77 00")});
+    EXPECT_EQ(mSession.runLine("call beep"), qv::eStatusNoAnswer);
+    EXPECT_NE(mErr.str().find("only broken frames came back"), std::string::npos);
+    EXPECT_NE(mErr.str().find("Most likely the rate is wrong"), std::string::npos);
+}
+
+TEST_F(SessionTest, TellsOfAnEcho)
+{
+    const auto sync = frame(0x10, "00 00");
+    answers({sync, sync, sync});
+    EXPECT_EQ(mSession.runLine("call beep"), qv::eStatusNoAnswer);
+    EXPECT_NE(mErr.str().find("only what was sent came back (an echo)"), std::string::npos);
+}
+
+TEST_F(SessionTest, TellsWhatIsUnknownAfterAReset)
+{
+    answers({frame(1, "00 00"), frame(0x15, "00"), frame(6, "00 00")});
+    EXPECT_EQ(mSession.runLine("call beep"), qv::eStatusNoAnswer);
+    EXPECT_NE(mErr.str().find("UNKNOWN"), std::string::npos);
+}
+
+TEST_F(SessionTest, SpeaksJson)
+{
+    qv::Session session(mPeer, mOut, mErr, {.json = true});
+    answers({frame(1, "00 00"), frame(2, "00 FF"), frame(3, "01"), frame(4, "82")});
+    EXPECT_EQ(session.runLine("read start-code"), qv::eStatusDone);
+    EXPECT_EQ(session.runLine("write qv-text-1 'a\"b'"), qv::eStatusDone);
+    EXPECT_EQ(session.runLine("call beep"), qv::eStatusRefused);
+    EXPECT_EQ(session.runLine("call beep"), qv::eStatusNoAnswer);
+    EXPECT_EQ(mOut.str(), R"({"request":"read start-code","name":"start-code","number":8,"value":-1})"
+                          "\n"
+                          R"({"request":"write qv-text-1 a\"b","name":"qv-text-1","number":3,"done":true})"
+                          "\n"
+                          R"({"request":"call beep","name":"beep","number":9,"error":"refused","mayBeDone":false})"
+                          "\n"
+                          R"({"request":"call beep","name":"beep","number":9,"error":"no answer","mayBeDone":true})"
+                          "\n");
+}
+
+TEST_F(SessionTest, TracesEachField)
+{
+    mSession.setTrace(true);
+    answers({frame(1, "00 00"), frame(2, "00 50")});
+    mSession.runLine("read brightness-raw");
+    auto text = mErr.str();
+    for (auto at = text.find(" ms  "); at != std::string::npos;
+         at = text.find(" ms  ", at)) { // the times are not the same
+        const auto line = text.rfind('\n', at) == std::string::npos ? 0 : text.rfind('\n', at) + 1;
+        text.replace(line, at + 5 - line, "");
+        at = line;
+    }
+    EXPECT_EQ(text, "-->  get in step: 02 10 01 03 8F FF 00\n"
+                    "                   0  10           number 0, reset flag\n"
+                    "                   1  00           read register\n"
+                    "                   2  00           const-0\n"
+                    "                   3  8F FF        CRC, right\n"
+                    "<--  reply: 02 01 01 03 FB AC 00\n"
+                    "                   0  01           number 1\n"
+                    "                   1  00           answers read register\n"
+                    "                   2  00           const-0 0\n"
+                    "                   3  FB AC        CRC, right\n"
+                    "-->  request: 02 01 04 09 6A 85 00\n"
+                    "                   0  01           number 1\n"
+                    "                   1  00           read register\n"
+                    "                   2  09           brightness-raw\n"
+                    "                   3  6A 85        CRC, right\n"
+                    "<--  reply: 02 02 04 50 F8 09 00\n"
+                    "                   0  02           number 2\n"
+                    "                   1  00           answers read register\n"
+                    "                   2  50           brightness-raw 80\n"
+                    "                   3  F8 09        CRC, right\n");
+}
+
+TEST_F(SessionTest, TracesWhatGoesWrong)
+{
+    mSession.setTrace(true);
+    auto broken = frame(2, "00 50");
+    broken[broken.size() - 2] ^= 0x01;
+    answers({frame(1, "00 00"), broken, frame(0x12, "00")});
+    mSession.runLine("call beep");
+    const auto text = mErr.str();
+    for (const auto* part : {"<--  BROKEN frame", "CRC, WRONG, computed F8 09", "nothing (more)", "repeat (sending 2)",
+                             "<--  RESET frame: the daemon is out of step"}) {
+        EXPECT_NE(text.find(part), std::string::npos) << part << "\n" << text;
+    }
+}
+
+TEST_F(SessionTest, WatchShowsEachChange)
+{
+    qv::Session session(mPeer, mOut, mErr, {.quiet = true});
+    answers({frame(1, "00 00"), frame(2, "00 50"), frame(3, "00 50"), frame(4, "00 51")});
+    EXPECT_EQ(session.runLine("watch brightness-raw --every 0 --count 3"), qv::eStatusDone);
+    EXPECT_EQ(mOut.str(), "80\n81\n");
+}
+
+TEST_F(SessionTest, PingReports)
+{
+    answers({frame(1, "00 00"), frame(2, "00 00"), frame(3, "00 00"), frame(4, "00 00")});
+    EXPECT_EQ(mSession.runLine("ping --count 3"), qv::eStatusDone);
+    EXPECT_EQ(mOut.str().find("3 requests, 3 answered, 0 repeats\nminimum "), 0U);
+}
+
+TEST(Ping, PercentilesAreThoseOfTheNearestRank)
+{
+    qv::tPingReport report;
+    for (int i = 100; i >= 1; --i) {
+        report.times.emplace_back(std::chrono::milliseconds(i));
+    }
+    EXPECT_EQ(report.percentile(0), 1ms);
+    EXPECT_EQ(report.percentile(50), 50ms);
+    EXPECT_EQ(report.percentile(99), 99ms);
+    EXPECT_EQ(report.percentile(100), 100ms);
+    report.times = {5ms};
+    EXPECT_EQ(report.percentile(99), 5ms);
+}
+
+TEST(Ping, DrawsAHistogram)
+{
+    qv::tPingReport report{4, 1, {1ms, 1ms, 1ms, 11ms}};
+    std::ostringstream out;
+    report.writeText(out);
+    EXPECT_EQ(out.str().find("4 requests, 4 answered, 1 repeats\n"
+                             "minimum 1.000 ms, median 1.000 ms, 99th percentile 11.000 ms, maximum 11.000 ms\n"
+                             "    1.000 ms      3 " +
+                             std::string(50, '#') + "\n"),
+              0U)
+        << out.str();
+    EXPECT_NE(out.str().find("   10.000 ms      1 " + std::string(17, '#') + "\n"), std::string::npos) << out.str();
+    std::ostringstream json;
+    report.writeJson(json);
+    EXPECT_EQ(
+        json.str(),
+        R"({"sent":4,"answered":4,"repeats":1,"minMs":1.000000,"medianMs":1.000000,"p99Ms":11.000000,"maxMs":11.000000})"
+        "\n");
+}
+
+TEST(Words, AreSplitLikeInAShell)
+{
+    EXPECT_EQ(qv::splitWords("  read\t9 "), (Words{"read", "9"}));
+    EXPECT_EQ(qv::splitWords("write qv-text-1 'a b'\"c d\"e"), (Words{"write", "qv-text-1", "a bc de"}));
+    EXPECT_EQ(qv::splitWords(R"(a\ b "c\"d" 'e\f' '')"), (Words{"a b", "c\"d", "e\\f", ""}));
+    EXPECT_EQ(qv::splitWords(""), Words{});
+    EXPECT_THROW(qv::splitWords("\"a"), qv::RequestError);
+    for (const std::string word : {"", "a", "a b", "it's", "\"", "\\", "a\tb"}) {
+        EXPECT_EQ(qv::splitWords(qv::quotedWord(word)), Words{word});
+    }
+}
+
+TEST(Completion, KnowsEveryNameAndArgument)
+{
+    EXPECT_EQ(qv::completions({}, "w"), (Words{"write", "watch"}));
+    EXPECT_EQ(qv::completions(Words{"read"}, "bright"), Words{"brightness-raw"});
+    EXPECT_EQ(qv::completions(Words{"read", "ip-addr"}, "").size(), std::size(wire::kReadRegisters));
+    EXPECT_EQ(qv::completions(Words{"write"}, "time"), (Words{"time-zone", "time-zone-flag"}));
+    EXPECT_EQ(qv::completions(Words{"write", "time-zone-flag"}, "t"), Words{"true"});
+    EXPECT_EQ(qv::completions(Words{"call"}, "").size(), std::size(wire::kMethods));
+    EXPECT_EQ(qv::completions(Words{"call", "set-cfg-long"}, ""), (Words{"key=", "value="}));
+    EXPECT_EQ(qv::completions(Words{"call", "set-cfg-long", "key=x"}, ""), Words{"value="});
+    EXPECT_EQ(qv::completions(Words{"call", "set-time"}, "n"), Words{"now"});
+    EXPECT_EQ(qv::completions(Words{"network"}, "dns-mode=d"), Words{"dns-mode=dhcp"});
+    EXPECT_EQ(qv::completions(Words{"network"}, "gate"), Words{"gateway="});
+    EXPECT_EQ(qv::completions(Words{"watch"}, "cfg"), Words{"cfg-applied"});
+    EXPECT_EQ(qv::completions(Words{"watch", "cfg-applied"}, "--e"), Words{"--every"});
+    EXPECT_EQ(qv::completions(Words{"trace"}, ""), (Words{"on", "off"}));
+    EXPECT_EQ(qv::completions(Words{"help"}, "emu"), Words{"emu-input-ev"});
+    EXPECT_EQ(qv::completions(Words{"nonsense"}, ""), Words{});
+}
+
+TEST(Completion, KnowsCommandsThatWereAdded)
+{
+    const qv::tExtraCommand extra[] = {{"fault", "NAME", "break something", [](auto) { return 0; },
+                                        [](auto) {
+                                            return Words{"sysd", "idle"};
+                                        }}};
+    EXPECT_EQ(qv::completions({}, "fau", extra), Words{"fault"});
+    EXPECT_EQ(qv::completions(Words{"fault"}, "s", extra), Words{"sysd"});
+}
+
+} // namespace
