@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <charconv>
+#include <chrono>
 #include <cstdio>
 #include <iterator>
 
@@ -77,9 +78,13 @@ int SDBusSysD::call(sd_bus_message* message, MessagePtr* reply)
     if (message == nullptr)
         return -EINVAL;
     MessagePtr answer;
-    BusError error;
-    const int result =
-        adopt(answer, [&](sd_bus_message** m) { return sd_bus_call(mBus.get(), message, 0, error.get(), m); });
+    std::uint64_t cookie = 0;
+    int result = 0;
+    do
+        result = adopt(answer, [&](sd_bus_message** m) { return sd_bus_call(mBus.get(), message, 0, nullptr, m); });
+    while (result == -EINTR && sd_bus_message_get_cookie(message, &cookie) < 0); // not even sent
+    if (result == -EINTR)
+        result = awaitAnswer(cookie, answer);
     if (reply != nullptr)
         *reply = std::move(answer);
     // Nobody else reads from this connection: answers that came too late and signals would pile up in its queue.
@@ -89,6 +94,31 @@ int SDBusSysD::call(sd_bus_message* message, MessagePtr* reply)
             break;
     }
     return result;
+}
+
+/// sd_bus_call gives up on its answer when a signal comes; this goes on waiting, for as long as a call may take.
+int SDBusSysD::awaitAnswer(std::uint64_t cookie, MessagePtr& answer)
+{
+    using std::chrono::steady_clock;
+    std::uint64_t timeOut = 0;
+    sd_bus_get_method_call_timeout(mBus.get(), &timeOut);
+    const auto end = steady_clock::now() + std::chrono::microseconds(timeOut);
+    for (;;) {
+        int result = adopt(answer, [&](sd_bus_message** m) { return sd_bus_process(mBus.get(), m); });
+        std::uint64_t answered = 0;
+        if (answer && sd_bus_message_get_reply_cookie(answer.get(), &answered) >= 0 && answered == cookie) {
+            if (sd_bus_message_is_method_error(answer.get(), nullptr) <= 0)
+                return 0;
+            answer.reset();
+            return -EIO;
+        }
+        if (result == 0) {
+            const auto left = std::chrono::ceil<std::chrono::microseconds>(end - steady_clock::now()).count();
+            result = left > 0 ? sd_bus_wait(mBus.get(), static_cast<std::uint64_t>(left)) : -ETIMEDOUT;
+        }
+        if (result < 0 && result != -EINTR)
+            return result;
+    }
 }
 
 /// The create and append steps. A message that could not be filled is dropped: half of it on the bus would make the

@@ -5,6 +5,7 @@
 #include "dbus/ParamE.h"
 
 #include <atomic>
+#include <cstdint>
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -74,6 +75,7 @@ private:
 
     MessagePtr newCall(const char* member);
     int call(sd_bus_message* message, MessagePtr* reply);
+    int awaitAnswer(std::uint64_t cookie, MessagePtr& answer);
 
     BusPtr mBus; ///< null when opening failed; used under mMutex
     std::mutex mMutex;
