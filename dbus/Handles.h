@@ -48,7 +48,7 @@ public:
     sd_bus_error* get() { return &mError; }
 
 private:
-    sd_bus_error mError = SD_BUS_ERROR_NULL;
+    sd_bus_error mError{};
 };
 
 /// A file descriptor, closed with its owner; -1 is none.
