@@ -70,6 +70,29 @@ Service* Device::service(const std::string& shortName)
     return nullptr;
 }
 
+void Device::hangUpLine()
+{
+    mLoop.call([this] {
+        if (mLineWatcher)
+            mLineWatcher(false);
+        mLine.hangUp();
+    });
+}
+
+void Device::reopenLine()
+{
+    mLoop.call([this] {
+        mLine.reopen();
+        if (mLineWatcher)
+            mLineWatcher(true);
+    });
+}
+
+void Device::watchLine(std::function<void(bool up)> watcher)
+{
+    mLoop.call([&] { mLineWatcher = std::move(watcher); });
+}
+
 void Device::stopSystemBus()
 {
     mSystemBus.stop();

@@ -12,6 +12,7 @@
 #include "sim/TempDir.h"
 #include "sim/Timeline.h"
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -36,6 +37,7 @@ public:
     /// destructor puts the old values back.
     void useInThisProcess();
 
+    EventLoop& loop() { return mLoop; }
     Timeline& timeline() { return mTimeline; }
     PrivateBus& systemBus() { return mSystemBus; }
     PrivateBus& userBus() { return mUserBus; }
@@ -51,6 +53,12 @@ public:
     std::vector<Service*> services();
     /// By its short name; null for an unknown one.
     Service* service(const std::string& shortName);
+
+    /// The line is lost, and comes back behind the same path.
+    void hangUpLine();
+    void reopenLine();
+    /// Told, on the loop's thread, before the line is hung up and after it was opened again.
+    void watchLine(std::function<void(bool up)> watcher);
 
     /// A bus is lost with all its connections, and comes back at the same address with the stand-ins that were present.
     void stopSystemBus();
@@ -72,6 +80,7 @@ private:
     SystemdManager mSystemd;
     Desktop mDesktop;
     Pty mLine;
+    std::function<void(bool up)> mLineWatcher; ///< used on the loop's thread
     Daemon mDaemon;
     Saved mEnvironment;
 };

@@ -10,10 +10,12 @@ namespace sim {
 class LogoHandler : public Service
 {
 public:
+    static constexpr milliseconds kDuration{50};
+
     LogoHandler(EventLoop& loop, Timeline& timeline, const PrivateBus& bus);
     ~LogoHandler() override;
 
-    /// How long after Start the logos finish by themselves (at first 50 ms); nothing: only when finish() is called.
+    /// How long after Start the logos finish by themselves (at first kDuration); nothing: only when finish() is called.
     void setDuration(std::optional<milliseconds> duration);
     /// The boolean of Finished, true at first.
     void setResult(bool result);
@@ -25,7 +27,7 @@ public:
 private:
     void sendFinished();
 
-    std::optional<milliseconds> mDuration{50};
+    std::optional<milliseconds> mDuration = kDuration;
     bool mResult = true;
     bool mWrongType = false;
 };

@@ -120,6 +120,14 @@ void Service::setMembers(std::vector<tMember> members)
     mTable.push_back(SD_BUS_VTABLE_END);
 }
 
+std::vector<std::string> Service::memberNames() const
+{
+    std::vector<std::string> out;
+    for (const tMember& member : mMembers)
+        out.emplace_back(member.name);
+    return out;
+}
+
 void Service::shutDown()
 {
     mLoop.call([this] {

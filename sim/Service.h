@@ -56,6 +56,8 @@ public:
     const std::string& shortName() const { return mNames.shortName; }
     const std::string& busName() const { return mNames.busName; }
 
+    /// Methods and properties.
+    std::vector<std::string> memberNames() const;
     /// member "*" stands for every member that has no behaviour of its own. A property goes by its name.
     void setBehaviour(const std::string& member, const tBehaviour& behaviour);
     void clearBehaviour();

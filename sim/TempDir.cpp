@@ -6,21 +6,18 @@
 #include <cstdlib>
 #include <filesystem>
 #include <stdexcept>
+#include <utility>
 
 namespace sim {
 
-TempDir::TempDir()
+PathGuard::PathGuard(std::string path)
+    : mPath(std::move(path))
 {
-    char path[] = "/tmp/vorlan-sim-XXXXXX";
-    if (mkdtemp(path) == nullptr)
-        throw std::runtime_error("no temporary folder in /tmp");
-    mPath = path;
-
     int ends[2];
     if (pipe2(ends, O_CLOEXEC) < 0)
         throw std::runtime_error("no pipe");
     const UniqueFd guardsEnd(ends[0]);
-    mGuardEnd.reset(ends[1]);
+    mEnd.reset(ends[1]);
     Child::tSpawn guard;
     guard.argv = {"/bin/sh", "-c", "read -r line; rm -rf -- \"$0\"", mPath};
     guard.environment = {"PATH=/usr/bin:/bin"};
@@ -29,12 +26,21 @@ TempDir::TempDir()
     mGuard = Child::spawn(guard);
 }
 
-TempDir::~TempDir()
+PathGuard::~PathGuard()
 {
     std::error_code ignored;
     std::filesystem::remove_all(mPath, ignored);
-    mGuardEnd.reset();
+    mEnd.reset();
     mGuard.wait();
+}
+
+TempDir::TempDir()
+{
+    char path[] = "/tmp/vorlan-sim-XXXXXX";
+    if (mkdtemp(path) == nullptr)
+        throw std::runtime_error("no temporary folder in /tmp");
+    mPath = path;
+    mGuard.emplace(mPath);
 }
 
 } // namespace sim

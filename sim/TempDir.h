@@ -2,26 +2,40 @@
 
 #include "sim/Child.h"
 
+#include <optional>
 #include <string>
 
 namespace sim {
 
-/// A folder under /tmp that is gone when the object is, and also when this process dies in any way: a guard process
-/// waits for that and removes it.
+/// A file, link or folder that is removed when the object goes, and also when this process dies in any way: a guard
+/// process waits for that and removes it.
+class PathGuard
+{
+public:
+    explicit PathGuard(std::string path);
+    PathGuard(const PathGuard&) = delete;
+    PathGuard& operator=(const PathGuard&) = delete;
+    ~PathGuard();
+
+private:
+    const std::string mPath;
+    UniqueFd mEnd; ///< closed with this process
+    Child mGuard;
+};
+
+/// A folder under /tmp that is gone when the object is, and also when this process dies in any way.
 class TempDir
 {
 public:
     TempDir();
     TempDir(const TempDir&) = delete;
     TempDir& operator=(const TempDir&) = delete;
-    ~TempDir();
 
     const std::string& path() const { return mPath; }
 
 private:
     std::string mPath;
-    UniqueFd mGuardEnd;
-    Child mGuard;
+    std::optional<PathGuard> mGuard;
 };
 
 } // namespace sim
