@@ -1,7 +1,9 @@
 #include "core/Vorlan.h"
 
+#include <fcntl.h>
 #include <getopt.h>
 #include <sys/prctl.h>
+#include <unistd.h>
 
 #include <csignal>
 #include <cstdio>
@@ -61,10 +63,20 @@ tOptions parseOptions(int argc, char** argv)
     return options;
 }
 
+/// A standard descriptor that was closed at the start would be given to the line or to a bus, and log lines with it.
+void fillStandardDescriptors()
+{
+    int fd = open("/dev/null", O_RDWR);
+    while (fd >= STDIN_FILENO && fd <= STDERR_FILENO)
+        fd = dup(fd);
+    close(fd);
+}
+
 } // namespace
 
 int main(int argc, char** argv)
 {
+    fillStandardDescriptors();
     std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ); // a line is one write, whatever standard output is
     std::signal(SIGPIPE, SIG_IGN);                 // nor does it matter whether anybody reads it
     prctl(PR_SET_TIMERSLACK, 1UL);                 // ns: the settle pause of the line is short

@@ -25,6 +25,23 @@ qv::tPeerOptions peerOptions()
     return options;
 }
 
+std::filesystem::path taskFolder(pid_t pid)
+{
+    return "/proc/" + std::to_string(pid) + "/task";
+}
+
+/// 0 for a thread that has ended.
+std::uint64_t voluntarySwitches(const std::filesystem::path& task)
+{
+    std::ifstream status(task / "status");
+    std::string word;
+    while (status >> word && word != "voluntary_ctxt_switches:") {
+    }
+    std::uint64_t count = 0;
+    status >> count;
+    return count;
+}
+
 } // namespace
 
 const char* const kVorlan = VORLAN_EXECUTABLE;
@@ -234,16 +251,21 @@ std::optional<sim::tExit> Rig::stopByUpdate(milliseconds deadline)
 std::uint64_t Rig::wakeUps()
 {
     std::uint64_t out = 0;
-    for (const auto& task : std::filesystem::directory_iterator("/proc/" + std::to_string(daemon().pid()) + "/task")) {
-        std::ifstream status(task.path() / "status");
-        std::string word;
-        while (status >> word && word != "voluntary_ctxt_switches:") {
-        }
-        std::uint64_t count = 0;
-        status >> count;
-        out += count;
-    }
+    for (const auto& task : std::filesystem::directory_iterator(taskFolder(daemon().pid())))
+        out += voluntarySwitches(task.path());
     return out;
+}
+
+bool Rig::readTimesOut()
+{
+    constexpr milliseconds kPause{20};
+    const std::filesystem::path mainThread = taskFolder(daemon().pid()) / std::to_string(daemon().pid());
+    const std::uint64_t wanted = voluntarySwitches(mainThread) + 2;
+    const auto end = Clock::now() + kDeadline;
+    while (voluntarySwitches(mainThread) < wanted)
+        if (daemon().waitExit(kPause) || Clock::now() > end)
+            return false;
+    return true;
 }
 
 } // namespace rig

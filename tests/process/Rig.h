@@ -94,6 +94,8 @@ public:
 
     /// Voluntary context switches of all the daemon's threads so far.
     std::uint64_t wakeUps();
+    /// Waits until the daemon has come back from waiting for the line and waits again.
+    bool readTimesOut();
 
 private:
     std::string mExecutable;
