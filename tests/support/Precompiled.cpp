@@ -1,0 +1,1 @@
+// The test framework is precompiled once, here, for all test programs.
