@@ -1,9 +1,12 @@
 #include "qv/LineInput.h"
 
+#include <poll.h>
 #include <readline/history.h>
 #include <readline/readline.h>
 
 #include <atomic>
+#include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -49,16 +52,29 @@ char** completeWord(const char* word, int start, int) noexcept
     return rl_completion_matches(word, nextFound);
 }
 
-/// Called on every signal, a changed window size for instance.
-int clearLine() noexcept
+/// readline's own reading goes on after a signal. Here Ctrl-C ends the line, and the other signals get their due. The
+/// signal is let in only while waiting, so that none is missed.
+int nextChar(FILE* stream) noexcept
 {
-    if (!sInterrupted.exchange(false)) {
-        return 0;
+    sigset_t interrupt;
+    sigset_t before;
+    sigemptyset(&interrupt);
+    sigaddset(&interrupt, SIGINT);
+    pthread_sigmask(SIG_BLOCK, &interrupt, &before);
+    pollfd wait{fileno(stream), POLLIN, 0};
+    bool interrupted = sInterrupted.exchange(false);
+    while (!interrupted && ppoll(&wait, 1, nullptr, &before) < 0) {
+        pthread_sigmask(SIG_SETMASK, &before, nullptr);
+        rl_check_signals();
+        pthread_sigmask(SIG_BLOCK, &interrupt, nullptr);
+        interrupted = sInterrupted.exchange(false);
     }
-    rl_crlf();
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    if (!interrupted) {
+        return rl_getc(stream);
+    }
     rl_replace_line("", 0);
-    rl_done = 1;
-    return 0;
+    return '\n';
 }
 
 } // extern "C"
@@ -72,7 +88,8 @@ LineInput::LineInput(CompleteFn complete, std::string historyFile)
     rl_readline_name = "vorlan-qv";
     rl_attempted_completion_function = completeWord;
     rl_completer_word_break_characters = const_cast<char*>(" \t");
-    rl_signal_event_hook = clearLine;
+    rl_getc_function = nextChar;
+    rl_variable_bind("show-all-if-ambiguous", "on");
     using_history();
     stifle_history(kHistoryMax);
     if (!mHistoryFile.empty()) {
@@ -86,7 +103,7 @@ LineInput::~LineInput()
         write_history(mHistoryFile.c_str());
     }
     rl_attempted_completion_function = nullptr;
-    rl_signal_event_hook = nullptr;
+    rl_getc_function = rl_getc;
     completeFn() = nullptr;
     clear_history();
 }

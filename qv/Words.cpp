@@ -14,6 +14,9 @@ std::vector<std::string> splitWords(const std::string& line)
     char quote = 0;
     for (std::size_t i = 0; i < line.size(); ++i) {
         const char c = line[i];
+        if (c == '#' && words.empty() && !inWord) {
+            return words;
+        }
         if (c == '\\' && quote != '\'' && i + 1 < line.size()) {
             word += line[++i];
             inWord = true;

@@ -286,9 +286,11 @@ int main(int argc, char** argv)
     app.set_help_all_flag("--help-all", "print the help of every command too");
     app.require_subcommand(1);
     app.fallthrough();
+    app.option_defaults()->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
     addLineOptions(app, arguments);
     addOutputOptions(app, arguments);
     addBadLineOptions(app, arguments);
+    app.option_defaults()->multi_option_policy(CLI::MultiOptionPolicy::Throw);
     addCommands(app, arguments);
     app.footer(kFooter);
     try {

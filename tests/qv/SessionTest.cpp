@@ -258,6 +258,8 @@ TEST(Words, AreSplitLikeInAShell)
     EXPECT_EQ(qv::splitWords("write qv-text-1 'a b'\"c d\"e"), (Words{"write", "qv-text-1", "a bc de"}));
     EXPECT_EQ(qv::splitWords(R"(a\ b "c\"d" 'e\f' '')"), (Words{"a b", "c\"d", "e\\f", ""}));
     EXPECT_EQ(qv::splitWords(""), Words{});
+    EXPECT_EQ(qv::splitWords("  # a comment"), Words{});
+    EXPECT_EQ(qv::splitWords("a #b"), (Words{"a", "#b"}));
     EXPECT_THROW(qv::splitWords("\"a"), qv::RequestError);
     for (const std::string word : {"", "a", "a b", "it's", "\"", "\\", "a\tb"}) {
         EXPECT_EQ(qv::splitWords(qv::quotedWord(word)), Words{word});
