@@ -96,6 +96,7 @@ void Device::watchLine(std::function<void(bool up)> watcher)
 void Device::stopSystemBus()
 {
     mSystemBus.stop();
+    mSysd.busIsLost();
 }
 
 void Device::startSystemBus()
@@ -107,6 +108,9 @@ void Device::startSystemBus()
 void Device::stopUserBus()
 {
     mUserBus.stop();
+    mIdle.busIsLost();
+    mLogo.busIsLost();
+    mSystemd.busIsLost();
 }
 
 void Device::startUserBus()

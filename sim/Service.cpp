@@ -187,6 +187,11 @@ void Service::comeBack()
     mLoop.call([this] { connect(); });
 }
 
+void Service::busIsLost()
+{
+    mLoop.call([this] { disconnect(); });
+}
+
 void Service::busIsBack()
 {
     mLoop.call([this] {

@@ -72,6 +72,8 @@ public:
     void crash();
     /// Present again, with a fresh connection when the old one is lost. Nothing happens while the bus is down.
     void comeBack();
+    /// The bus was stopped: absent, like every other.
+    void busIsLost();
     /// The bus was restarted: present again if it was so before.
     void busIsBack();
     /// Absent from now on, present after the time.

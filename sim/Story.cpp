@@ -83,6 +83,10 @@ void Story::begin(const std::string& title)
 
 void Story::seen(const std::string& what) const
 {
+    const auto refused =
+        mTimeline.find([](const tEvent& event) { return event.answer && event.answer->starts_with("error "); }, mFrom);
+    if (refused)
+        fail("every call to be answered", refused->call() + " -> " + *refused->answer);
     tEvent event;
     event.member = "seen";
     event.arguments = what;
@@ -237,7 +241,6 @@ void Story::qvAsksForUpdates()
 void Story::qvPlaysItsStartUp()
 {
     begin("QV reports version, time, status and address, sends settings, and asks to apply them (" + mBootFile + ")");
-    mDevice.logo().setDuration(milliseconds{600});
     std::ostringstream out;
     std::ostringstream err;
     qv::Session session(mPeer, out, err);

@@ -44,6 +44,7 @@ private:
     };
 
     void begin(const std::string& title);
+    /// Ends the step: nothing in it may have been answered by an error.
     void seen(const std::string& what) const;
     [[noreturn]] void fail(const std::string& expected, const std::string& seen) const;
     /// Each is waited for, in this order; gives the last.

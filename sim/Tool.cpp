@@ -21,6 +21,7 @@ namespace sim {
 namespace {
 
 constexpr unsigned kBaud = 115200;
+constexpr milliseconds kStoryLogos{600}; ///< long enough to be seen
 
 void printFaultHelp()
 {
@@ -210,6 +211,8 @@ int runTool(const tArguments& arguments)
     std::unique_ptr<PathGuard> link;
     if (!arguments.portLink.empty())
         link = linkPort(arguments.portLink, tap.path());
+    if (arguments.story)
+        device.logo().setDuration(kStoryLogos);
     Faults faults(device);
     for (const std::string& fault : arguments.faults)
         faults.apply(fault);
