@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
 
+#include <algorithm>
 #include <atomic>
 #include <memory>
 #include <random>
@@ -81,7 +82,7 @@ protected:
         for (;;) {
             const auto end = std::find(mReceived.begin(), mReceived.end(), 0);
             if (end != mReceived.end()) {
-                const tBytes frame(mReceived.begin(), end + 1);
+                tBytes frame(mReceived.begin(), end + 1);
                 mReceived.erase(mReceived.begin(), end + 1);
                 return frame;
             }

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <bit>
 #include <cstddef>
 
 namespace {
@@ -41,7 +42,7 @@ protected:
 template <class Word>
 const char* textIn(Word word)
 {
-    return reinterpret_cast<const char*>(static_cast<std::uintptr_t>(word));
+    return std::bit_cast<const char*>(static_cast<std::uintptr_t>(word));
 }
 
 TEST_F(SManagerTest, IsOneForAll)
