@@ -58,8 +58,8 @@ public:
     void setCfgInt(const std::string& key, int value);
     void addCfgVar(const std::string& key);
 
-    /// Hands the settings of one interface over. Stops at the first failed step, so the system daemon gets a whole
-    /// dictionary or nothing.
+    /// Hands the settings of one interface over. The first step that fails ends the dictionary; one that cannot be
+    /// closed properly is not sent.
     void configureNetIf(const std::string& interface, const NetConf& conf);
 
 private:
