@@ -131,6 +131,13 @@ void Rig::connect()
     restartPeer();
 }
 
+void Rig::hangUp()
+{
+    mPeer.reset();
+    mPort.reset();
+    mDevice.line().hangUp();
+}
+
 void Rig::restartPeer()
 {
     mPeer = std::make_unique<qv::Peer>(*mPort, peerOptions());
@@ -254,6 +261,18 @@ std::uint64_t Rig::wakeUps()
     for (const auto& task : std::filesystem::directory_iterator(taskFolder(daemon().pid())))
         out += voluntarySwitches(task.path());
     return out;
+}
+
+std::uint64_t Rig::processorTime()
+{
+    std::ifstream stat("/proc/" + std::to_string(daemon().pid()) + "/stat");
+    std::string word;
+    for (int field = 1; field <= 13; ++field)
+        stat >> word; // none of the daemon's names holds a blank
+    std::uint64_t user = 0;
+    std::uint64_t system = 0;
+    stat >> user >> system;
+    return user + system;
 }
 
 bool Rig::readTimesOut()

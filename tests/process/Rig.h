@@ -66,6 +66,8 @@ public:
     bool serve(const sim::Daemon::tOptions& options = {});
     /// QV at the line as it is now: after it was opened again.
     void connect();
+    /// QV goes, and the line hangs up; connect() after it was opened again.
+    void hangUp();
     /// A QV that knows nothing of what was before, on the same line.
     void restartPeer();
     /// Gets in step, trying again until the deadline.
@@ -94,6 +96,8 @@ public:
 
     /// Voluntary context switches of all the daemon's threads so far.
     std::uint64_t wakeUps();
+    /// The processor time that it has used, in clock ticks.
+    std::uint64_t processorTime();
     /// Waits until the daemon has come back from waiting for the line and waits again.
     bool readTimesOut();
 

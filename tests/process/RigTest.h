@@ -5,6 +5,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstdio>
+#include <sstream>
+#include <string>
+
 namespace rig {
 
 /// A test with a rig of its own; at its end the daemon must have no sanitizer's report in its log.
@@ -21,8 +25,15 @@ protected:
         mRig.daemon().kill();
         EXPECT_EQ(sanitizerReport(mRig.daemon().err()), "");
         if (HasFailure())
-            std::fprintf(stderr, "%s--- standard error\n%s", mRig.timeline().text().c_str(),
-                         mRig.daemon().err().c_str());
+            print(mRig.timeline().text() + "--- standard error\n" + mRig.daemon().err());
+    }
+
+    /// Long lines are cut.
+    static void print(const std::string& text)
+    {
+        std::istringstream lines(text);
+        for (std::string line; std::getline(lines, line);)
+            std::fprintf(stderr, "%.200s\n", line.c_str());
     }
 
     Rig mRig;

@@ -1,0 +1,327 @@
+#include "tests/process/RigTest.h"
+
+#include <algorithm>
+#include <csignal>
+#include <thread>
+
+namespace {
+
+using namespace rig;
+using sim::exited;
+using sim::KindE;
+using sim::tBehaviour;
+using sim::match::call;
+
+/// A moment of the daemon's life at which it is stopped.
+struct tStage
+{
+    const char* name;
+    void (*reach)(Rig& rig); ///< from before the start; fails the test when it is not reached
+    std::string lines;       ///< of standard output between the first and the last one
+};
+
+const std::string kApply = "Vorlan: writeReg eRegWrQVProtVersion 7\nVorlan: ApplyConfig\n";
+const std::string kLogosStarted = kApply + "Vorlan::startLogoHandler\n";
+const std::string kLogosFinished = kLogosStarted + "Vorlan::startLogoHandler: finished\n";
+
+void serve(Rig& rig)
+{
+    sim::Daemon::tOptions options;
+    options.environment = kShortCalls;
+    ASSERT_TRUE(rig.serve(options));
+}
+
+void serveWithService(Rig& rig)
+{
+    serve(rig);
+    ASSERT_TRUE(rig.device().desktop().waitForService());
+}
+
+void expectCall(Rig& rig, const sim::Match& match)
+{
+    ASSERT_TRUE(rig.timeline().waitFor(match)) << match.text();
+}
+
+/// Calls of the desktop that wait for their answer while the daemon is stopped; all end before the test does.
+std::vector<std::jthread> sWaiting;
+
+const tStage kStages[] = {
+    {"RightAfterTheStart", serve, ""},
+    {"NoUserBusYet",
+     [](Rig& rig) {
+         rig.device().stopUserBus();
+         serve(rig);
+         ASSERT_TRUE(rig.daemon().waitForOutput("SDBusManager: Failed to open dbus system session: "));
+     },
+     ""},
+    {"NameTaken",
+     [](Rig& rig) {
+         const sim::BusPtr other = sim::openBus(rig.device().userBus().address());
+         ASSERT_GE(sd_bus_request_name(other.get(), "com.kelvora.vorlan", 0), 0);
+         serve(rig);
+         ASSERT_TRUE(rig.daemon().waitForOutput("SDBusManager: Failed to register name dbus name: File exists\n"));
+     },
+     ""},
+    {"ServiceJustUp",
+     [](Rig& rig) {
+         serve(rig);
+         ASSERT_TRUE(rig.device().desktop().waitForName());
+     },
+     ""},
+    {"ServiceAnswers", serveWithService, ""},
+    {"PropertyReadUnderWay",
+     [](Rig& rig) {
+         serveWithService(rig);
+         rig.device().sysd().setBehaviour("GetParamBool", tBehaviour::silent());
+         sWaiting.emplace_back([&rig] { rig.device().desktop().property("ShowLogos"); });
+         expectCall(rig, call("GetParamBool", "92"));
+     },
+     ""},
+    {"DiagnosticsPageUnderWay",
+     [](Rig& rig) {
+         serveWithService(rig);
+         rig.device().sysd().setBehaviour("SetCfgInt", tBehaviour::silent());
+         sWaiting.emplace_back([&rig] { rig.device().desktop().showQmx(); });
+         expectCall(rig, call("SetCfgInt"));
+     },
+     ""},
+    {"LogosToBeStarted",
+     [](Rig& rig) {
+         rig.device().logo().setBehaviour("Start", tBehaviour::silent());
+         serveWithService(rig);
+         ASSERT_TRUE(rig.tellStory());
+         expectCall(rig, call("Start"));
+     },
+     kLogosStarted},
+    {"LogosUnderWay",
+     [](Rig& rig) {
+         rig.device().logo().setDuration({});
+         serveWithService(rig);
+         ASSERT_TRUE(rig.tellStory());
+         expectCall(rig, call("Start"));
+     },
+     kLogosStarted},
+    {"VisualisationBeingSetUp",
+     [](Rig& rig) {
+         serveWithService(rig);
+         rig.device().sysd().setBehaviour("GetCfgString", tBehaviour::silent());
+         ASSERT_TRUE(rig.tellStory());
+         expectCall(rig, call("GetCfgString", "\"VisuURL\""));
+     },
+     kLogosFinished},
+    {"VisualisationBeingSetUpWithoutAService",
+     [](Rig& rig) {
+         rig.device().stopUserBus();
+         serve(rig);
+         rig.device().sysd().setBehaviour("GetCfgString", tBehaviour::silent());
+         ASSERT_TRUE(rig.tellStory());
+         expectCall(rig, call("GetCfgString", "\"VisuURL\""));
+     },
+     kLogosFinished},
+    {"DelayedExitToCome",
+     [](Rig& rig) {
+         serveWithService(rig);
+         ASSERT_TRUE(rig.playStory());
+     },
+     kLogosFinished},
+    {"ManyDelayedExitsToCome",
+     [](Rig& rig) {
+         serveWithService(rig);
+         ASSERT_TRUE(rig.playStory());
+         for (int i = 0; i < 10; ++i)
+             ASSERT_TRUE(rig.device().desktop().showQmx().ok);
+     },
+     kLogosFinished},
+    {"ExitUnderWay",
+     [](Rig& rig) {
+         serveWithService(rig);
+         rig.device().idle().setBehaviour("Exit", tBehaviour::silent());
+         ASSERT_TRUE(rig.device().desktop().showQmx().ok);
+         ASSERT_TRUE(rig.device().desktop().showQmx().ok);
+         expectCall(rig, call("Exit"));
+     },
+     ""},
+    {"SystemDaemonGone",
+     [](Rig& rig) {
+         serveWithService(rig);
+         rig.device().sysd().crash();
+     },
+     ""},
+    {"SystemBusLost",
+     [](Rig& rig) {
+         serveWithService(rig);
+         rig.device().stopSystemBus();
+     },
+     ""},
+    {"UserBusLost",
+     [](Rig& rig) {
+         serveWithService(rig);
+         rig.device().stopUserBus();
+         ASSERT_TRUE(rig.daemon().waitForOutput("SDBusManager: Failed to open dbus system session: "));
+     },
+     ""},
+    {"UserBusLostDuringTheLogos",
+     [](Rig& rig) {
+         rig.device().logo().setDuration({});
+         serveWithService(rig);
+         ASSERT_TRUE(rig.tellStory());
+         expectCall(rig, call("Start"));
+         rig.device().logo().goAway(); // which the bus knows only after the answer to Start
+         rig.device().stopUserBus();
+         ASSERT_TRUE(rig.daemon().waitForOutput("Failed to process bus: "));
+     },
+     kLogosStarted},
+};
+
+void PrintTo(const tStage& stage, std::ostream* out)
+{
+    *out << stage.name;
+}
+
+class StopAtEveryStage : public RigTest, public ::testing::WithParamInterface<tStage>
+{
+protected:
+    void SetUp() override { ASSERT_NO_FATAL_FAILURE(GetParam().reach(mRig)); }
+
+    void TearDown() override
+    {
+        sWaiting.clear();
+        RigTest::TearDown();
+    }
+
+    /// All calls that the stand-ins got since then.
+    std::vector<std::string> callsSince(std::size_t from)
+    {
+        std::vector<std::string> out;
+        for (const sim::tEvent& event : mRig.timeline().events(from))
+            if (event.kind == KindE::eCall)
+                out.push_back(event.member);
+        return out;
+    }
+
+    void expectWholeOutput() { EXPECT_EQ(mRig.daemon().out(), kStarted + GetParam().lines + kStopped); }
+};
+
+TEST_P(StopAtEveryStage, byASignal)
+{
+    const std::size_t from = mRig.timeline().mark();
+    mRig.daemon().signal(SIGTERM);
+    EXPECT_EQ(mRig.ask(readReg(wire::eRegRdConst0)), "00 00");
+    EXPECT_EQ(mRig.daemon().waitExit(), exited(0));
+    expectWholeOutput();
+    EXPECT_EQ(countOf(mRig.daemon().err(), kStopping), 1U);
+    EXPECT_EQ(callsSince(from), std::vector<std::string>{});
+    EXPECT_EQ(hex(mRig.leftovers()), "");
+}
+
+TEST_P(StopAtEveryStage, byMethodFour)
+{
+    EXPECT_EQ(mRig.ask(rig::call(wire::eMethodStartUpdate)), "02");
+    EXPECT_EQ(mRig.daemon().waitExit(), exited(0));
+    expectWholeOutput();
+    EXPECT_EQ(countOf(mRig.daemon().err(), kStopping), 1U);
+    EXPECT_EQ(hex(mRig.leftovers()), "");
+}
+
+INSTANTIATE_TEST_SUITE_P(Stop, StopAtEveryStage, ::testing::ValuesIn(kStages),
+                         [](const auto& row) { return row.param.name; });
+
+class Stop : public RigTest
+{
+protected:
+    /// A reply that no line takes in one go is on its way, and nobody reads it.
+    void fillTheLine()
+    {
+        mRig.device().sysd().setIpAddress(std::string(kLong, 'x'));
+        serveWithService(mRig);
+        mNumber = mRig.peer().number();
+        mRig.peer().sendFrame(mNumber, readReg(wire::eRegRdIpAddr));
+        mNumber = qv::nextNumber(mNumber);
+        expectCall(mRig, call("GetNetIPv4Addr"));
+    }
+
+    void expectBothReplies(const qv::Bytes& second)
+    {
+        const qv::Bytes wire = mRig.receive(2);
+        ASSERT_EQ(std::ranges::count(wire, qv::kDelimiter), 2);
+        const auto firstEnd = std::ranges::find(wire, qv::kDelimiter);
+        const qv::tParsedFrame first = qv::parseWire({wire.begin(), firstEnd});
+        EXPECT_TRUE(first.ok());
+        EXPECT_EQ(first.payload.size(), kLong + 2);
+        EXPECT_EQ(hex(qv::Bytes(firstEnd + 1, wire.end())),
+                  hex(qv::toWire(qv::buildFrame(qv::nextNumber(mNumber), second))));
+    }
+
+    static constexpr std::size_t kLong = 200'000;
+    std::uint8_t mNumber = 0;
+};
+
+TEST_F(Stop, byASignalWithAReplyThatNobodyReads)
+{
+    ASSERT_NO_FATAL_FAILURE(fillTheLine());
+    mRig.peer().sendFrame(mNumber, readReg(wire::eRegRdParamText));
+    expectCall(mRig, call("GetParamString"));
+    mRig.daemon().signal(SIGTERM);
+    EXPECT_EQ(mRig.daemon().waitExit(), exited(0));
+}
+
+TEST_F(Stop, byMethodFourWithAReplyThatNobodyReads)
+{
+    ASSERT_NO_FATAL_FAILURE(fillTheLine());
+    mRig.peer().sendFrame(mNumber, rig::call(wire::eMethodStartUpdate));
+    EXPECT_EQ(mRig.daemon().waitExit(), exited(0));
+    EXPECT_EQ(mRig.timeline().count(call("SysUpdate")), 1U);
+}
+
+TEST_F(Stop, byASignalWithAReplyThatIsReadAtLast)
+{
+    ASSERT_NO_FATAL_FAILURE(fillTheLine());
+    mRig.peer().sendFrame(mNumber, readReg(wire::eRegRdParamText));
+    expectCall(mRig, call("GetParamString"));
+    mRig.daemon().signal(SIGTERM);
+    expectBothReplies({0x00, '1', '.', '4', '.', '2', 0x00});
+    EXPECT_EQ(mRig.daemon().waitExit(), exited(0));
+}
+
+TEST_F(Stop, byMethodFourWithAReplyThatIsReadAtLast)
+{
+    ASSERT_NO_FATAL_FAILURE(fillTheLine());
+    mRig.peer().sendFrame(mNumber, rig::call(wire::eMethodStartUpdate));
+    expectBothReplies({0x02});
+    EXPECT_EQ(mRig.daemon().waitExit(), exited(0));
+}
+
+TEST_F(Stop, doesNotSpoilTheCallUnderWay)
+{
+    serveWithService(mRig);
+    mRig.device().sysd().setBehaviour("GetParamString", tBehaviour::delayed(milliseconds{500}));
+    const std::uint8_t number = mRig.peer().number();
+    mRig.peer().sendFrame(number, readReg(wire::eRegRdParamText));
+    expectCall(mRig, call("GetParamString"));
+    mRig.daemon().signal(SIGTERM);
+    EXPECT_EQ(mRig.daemon().waitExit(), exited(0));
+    const qv::Bytes reply = {0x00, '1', '.', '4', '.', '2', 0x00};
+    EXPECT_EQ(hex(mRig.leftovers()), hex(qv::toWire(qv::buildFrame(qv::nextNumber(number), reply))));
+    EXPECT_EQ(mRig.daemon().err(), std::string(kRetrying) + kStopping);
+}
+
+/// The controller's own thread waits for the service manager: no further request is needed then.
+TEST_F(Stop, byASignalWhileTheUpdateUnitIsBeingStarted)
+{
+    mRig.device().systemd().setBehaviour("StartUnit", tBehaviour::silent());
+    mRig.device().sysd().setCfg("UpdateTrigger", 1);
+    mRig.device().logo().setDuration({});
+    serveWithService(mRig);
+    for (const qv::Bytes& message :
+         {rig::call(wire::eMethodSetTime, qv::Bytes(8, 1)), writeReg(wire::eRegWrQVStatus, {wire::kStatusRunning}),
+          writeReg(wire::eRegWrQVIpAddr, text("10.0.0.5"))})
+        ASSERT_EQ(mRig.ask(message), hex(qv::Bytes{message[0]}));
+    const std::uint8_t number = mRig.peer().number();
+    mRig.peer().sendFrame(number, rig::call(wire::eMethodApplyConfig));
+    expectCall(mRig, call("StartUnit"));
+    mRig.daemon().signal(SIGTERM);
+    EXPECT_EQ(mRig.daemon().waitExit(), exited(0));
+    EXPECT_EQ(hex(mRig.leftovers()), hex(qv::toWire(qv::buildFrame(qv::nextNumber(number), qv::Bytes{0x02}))));
+}
+
+} // namespace
