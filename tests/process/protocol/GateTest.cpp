@@ -7,10 +7,6 @@ namespace {
 
 using sim::match::call;
 using sim::match::property;
-using testing::Contains;
-using testing::ElementsAre;
-using testing::IsEmpty;
-using testing::Not;
 
 enum ConditionE
 {
@@ -117,7 +113,7 @@ TEST_P(GateOrderTest, OpensOnceWhenTheLastConditionIsMet)
 }
 
 INSTANTIATE_TEST_SUITE_P(Orders, GateOrderTest, testing::ValuesIn(orders({eTime, eAddress, eStatus, eApplyConfig})),
-                         [](const auto& info) { return nameOf(info.param); });
+                         [](const auto& row) { return nameOf(row.param); });
 
 TEST_P(HypervisorGateTest, NeedsNoTimeAndSetsUpNoNetwork)
 {
@@ -127,7 +123,7 @@ TEST_P(HypervisorGateTest, NeedsNoTimeAndSetsUpNoNetwork)
 }
 
 INSTANTIATE_TEST_SUITE_P(Orders, HypervisorGateTest, testing::ValuesIn(orders({eAddress, eStatus, eApplyConfig})),
-                         [](const auto& info) { return nameOf(info.param); });
+                         [](const auto& row) { return nameOf(row.param); });
 
 TEST_F(GateTest, OtherStatusesAndTheAddressOfZerosAreNoConditions)
 {
@@ -135,8 +131,8 @@ TEST_F(GateTest, OtherStatusesAndTheAddressOfZerosAreNoConditions)
     meet(eTime);
     meet(eApplyConfig);
     EXPECT_EQ("01", ask(req::address("0.0.0.0")));
-    for (const std::uint8_t status : {1, 2, 3, 5, 255})
-        EXPECT_EQ("01", ask(req::status(status)));
+    for (const char status : {'\1', '\2', '\3', '\5', '\xFF'})
+        EXPECT_EQ("01", ask(req::status(static_cast<std::uint8_t>(status))));
     meet(eAddress);
     EXPECT_EQ(0U, count("ConfigureNetwork"));
     EXPECT_EQ("01", ask(req::address("0.0.0.0")));
@@ -188,7 +184,7 @@ TEST_F(GateTest, TheAddressIsHandedOverAndPublishedBeforeTheGateOpens)
     EXPECT_EQ("ConfigureNetwork()", calls()[1]);
     const Calls heard = signals();
     EXPECT_EQ(R"(IpAddrQV = "10.0.0.5")", heard.at(0));
-    EXPECT_THAT(heard, Contains("ShowQVStatus = true"));
+    EXPECT_TRUE(has(heard, "ShowQVStatus = true"));
 }
 
 TEST_F(GateTest, TheStatusIsStoredAndPublishedBehindTheGate)
@@ -222,7 +218,7 @@ TEST_F(GateTest, TheNetworkIsSetUpBeforeAnythingElse)
     prints("Vorlan: ApplyConfig\n"
            "Vorlan::startLogoHandler\n");
     ASSERT_TRUE(comes(call("ConfigureNetwork")));
-    EXPECT_THAT(calls(), ElementsAre("ConfigureNetwork()"));
+    EXPECT_EQ((Calls{"ConfigureNetwork()"}), calls());
     EXPECT_FALSE(came(property("ShowQVStatus")));
     EXPECT_FALSE(came(property("ShowLogos")));
     sysd().release();
@@ -232,9 +228,8 @@ TEST_F(GateTest, TheNetworkIsSetUpBeforeAnythingElse)
     EXPECT_TRUE(comes(property("ShowLogos", "true")));
 }
 
-TEST_F(GateTest, TheLogosStartBeforeTheStatusIsShown)
+TEST_F(GateTest, TheStatusIsShownBeforeTheUpdateTriggerIsLookedAt)
 {
-    // The getter of ShowQVStatus waits, and the logo thread is there already: its own getter comes next.
     boot();
     meet(eTime);
     meet(eAddress);
@@ -273,11 +268,10 @@ class UpdateTriggerTest : public VisuTest, public testing::WithParamInterface<tT
 {};
 
 const tTrigger kTriggers[] = {
-    {"Trigger0Code0", 0, 0, false},     {"Trigger1Code0", 1, 0, true},
-    {"Trigger2Code0", 2, 0, false},     {"TriggerMinus1Code0", -1, 0, false},
-    {"Trigger0Code5", 0, 5, false},     {"Trigger1Code5", 1, 5, false},
-    {"Trigger2Code5", 2, 5, false},     {"Trigger1Code256", 1, 256, true}, // its low byte counts
-    {"Trigger257Code0", 257, 0, false}, {"Trigger1CodeMinus1", 1, -1, false},
+    {"Trigger0Code0", 0, 0, false},       {"Trigger1Code0", 1, 0, true},        {"Trigger2Code0", 2, 0, false},
+    {"TriggerMinus1Code0", -1, 0, false}, {"Trigger0Code5", 0, 5, false},       {"Trigger1Code5", 1, 5, false},
+    {"Trigger2Code5", 2, 5, false},       {"Trigger1Code256", 1, 256, true}, // its low byte counts
+    {"Trigger257Code0", 257, 0, false},   {"Trigger1CodeMinus1", 1, -1, false},
 };
 
 } // namespace
@@ -306,7 +300,7 @@ TEST_P(UpdateTriggerTest, StartsTheUpdateUnitOnlyFor1AndStartCode0)
 }
 
 INSTANTIATE_TEST_SUITE_P(Table, UpdateTriggerTest, testing::ValuesIn(kTriggers),
-                         [](const auto& info) { return std::string(info.param.name); });
+                         [](const auto& row) { return std::string(row.param.name); });
 
 TEST_F(GateTest, TheStartCodeOfTheStartDecidesAboutTheUpdateAlsoWhenItWasCleared)
 {
@@ -318,7 +312,7 @@ TEST_F(GateTest, TheStartCodeOfTheStartDecidesAboutTheUpdateAlsoWhenItWasCleared
     meet(eAddress);
     meet(eStatus);
     openedBy(eApplyConfig);
-    EXPECT_THAT(calls(), Not(Contains(R"(GetCfgInt("UpdateTrigger"))")));
+    EXPECT_FALSE(has(calls(), R"(GetCfgInt("UpdateTrigger"))"));
 }
 
 TEST_F(GateTest, QVSetsTheTriggerItself)
@@ -329,7 +323,7 @@ TEST_F(GateTest, QVSetsTheTriggerItself)
     meet(eAddress);
     meet(eStatus);
     openedBy(eApplyConfig);
-    EXPECT_THAT(calls(), Contains(R"(systemd.StartUnit("autoupdated.service", "replace"))"));
+    EXPECT_TRUE(has(calls(), R"(systemd.StartUnit("autoupdated.service", "replace"))"));
     prints("Vorlan::startAutoUpdate\n");
     linesInAnyOrder();
 }

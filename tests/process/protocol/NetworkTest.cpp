@@ -4,8 +4,6 @@ namespace {
 
 using rig::call;
 using rig::text;
-using testing::ElementsAre;
-using testing::IsEmpty;
 using Bytes = qv::Bytes;
 using Calls = std::vector<std::string>;
 
@@ -88,6 +86,8 @@ Calls stored(const tNet& net, bool dnsActivated)
             "SaveConfig()"};
 }
 
+constexpr std::uint8_t kDnsModes[] = {0, 1, 2, 128, 255};
+
 constexpr char kLine[] = "Vorlan: setNetworkCfg: ETHInternal: eth0\n";
 
 /// The simulated device's internal interface is eth1, its configured device eth0.
@@ -129,9 +129,9 @@ TEST_F(NetworkTest, IsIgnoredBeforeApplyConfig)
 {
     boot();
     EXPECT_EQ("02", ask(tNet{}.request()));
-    EXPECT_THAT(calls(), IsEmpty());
+    EXPECT_EQ(Calls{}, calls());
     EXPECT_EQ("02", ask(call(wire::eMethodSetNetworkCfg)));
-    EXPECT_THAT(calls(), IsEmpty());
+    EXPECT_EQ(Calls{}, calls());
 }
 
 TEST_F(NetworkTest, IsIgnoredBeforeApplyConfigOnAHypervisorToo)
@@ -139,7 +139,7 @@ TEST_F(NetworkTest, IsIgnoredBeforeApplyConfigOnAHypervisorToo)
     sysd().setCfg("IsHypervisorSys", true);
     boot();
     EXPECT_EQ("02", ask(tNet{}.request()));
-    EXPECT_THAT(calls(), IsEmpty());
+    EXPECT_EQ(Calls{}, calls());
 }
 
 TEST_F(NetworkTest, AStaticInterfaceIsApplied)
@@ -147,13 +147,13 @@ TEST_F(NetworkTest, AStaticInterfaceIsApplied)
     bootApplied();
     const tNet net;
     EXPECT_EQ("02", ask(net.request()));
-    EXPECT_THAT(calls(),
-                ElementsAre(R"(GetCfgString("ETHInternal"))", R"(GetCfgString("EthDev"))",
-                            R"(ConfigureNetIf("eth0", {"Mode": "static", "IpAddress": "10.0.0.2", )"
-                            R"("Netmask": "255.0.0.0", "Gateway": "10.0.0.1", "Hostname": "panel", )"
-                            R"("DnsDomain": "plant", "DnsActivated": true, "DnsFromDhcp": false, )"
-                            R"("DnsServer0": "1.1.1.1", "DnsServer1": "2.2.2.2", "DnsServer2": "3.3.3.3"}))",
-                            R"(GetCfgString("EthDev"))"));
+    EXPECT_EQ((Calls{R"(GetCfgString("ETHInternal"))", R"(GetCfgString("EthDev"))",
+                     R"(ConfigureNetIf("eth0", {"Mode": "static", "IpAddress": "10.0.0.2", )"
+                     R"("Netmask": "255.0.0.0", "Gateway": "10.0.0.1", "Hostname": "panel", )"
+                     R"("DnsDomain": "plant", "DnsActivated": true, "DnsFromDhcp": false, )"
+                     R"("DnsServer0": "1.1.1.1", "DnsServer1": "2.2.2.2", "DnsServer2": "3.3.3.3"}))",
+                     R"(GetCfgString("EthDev"))"}),
+              calls());
     complains(kLine);
 }
 
@@ -185,7 +185,7 @@ TEST_F(NetworkTest, BothSpellingsOfDhcpLeaveTheStaticAddressOut)
 TEST_F(NetworkTest, EveryDnsModeAndEveryChoiceOfServersIsApplied)
 {
     bootApplied();
-    for (const std::uint8_t dnsMode : {0, 1, 2, 128, 255}) {
+    for (const std::uint8_t dnsMode : kDnsModes) {
         for (unsigned int servers = 0; servers < 8; ++servers) {
             tNet net;
             net.dnsMode = dnsMode;
@@ -209,7 +209,7 @@ TEST_F(NetworkTest, TheInternalInterfaceTakesNoDnsFromDhcp)
     bootApplied();
     tNet net;
     net.interface = "eth1";
-    for (const std::uint8_t dnsMode : {0, 1, 2, 255}) {
+    for (const std::uint8_t dnsMode : kDnsModes) {
         net.dnsMode = dnsMode;
         tNet wanted = net;
         wanted.dnsMode = 0;
@@ -268,13 +268,12 @@ TEST_F(NetworkTest, OnAHypervisorAnotherInterfaceIsStored)
 {
     bootHypervisor();
     EXPECT_EQ("02", ask(tNet{}.request()));
-    EXPECT_THAT(calls(),
-                ElementsAre(R"(GetCfgString("ETHInternal"))", R"(SetParamString(1, "panel"))",
-                            R"(SetParamString(2, "static"))", R"(SetParamString(3, "10.0.0.2"))",
-                            R"(SetParamString(4, "255.0.0.0"))", R"(SetParamString(5, "10.0.0.1"))",
-                            "SetParamBool(6, true)", R"(SetParamString(7, "plant"))", "SetParamInt(8, 0)",
-                            R"(SetParamString(9, "1.1.1.1"))", R"(SetParamString(10, "2.2.2.2"))",
-                            R"(SetParamString(11, "3.3.3.3"))", "SaveConfig()"));
+    EXPECT_EQ((Calls{R"(GetCfgString("ETHInternal"))", R"(SetParamString(1, "panel"))",
+                     R"(SetParamString(2, "static"))", R"(SetParamString(3, "10.0.0.2"))",
+                     R"(SetParamString(4, "255.0.0.0"))", R"(SetParamString(5, "10.0.0.1"))", "SetParamBool(6, true)",
+                     R"(SetParamString(7, "plant"))", "SetParamInt(8, 0)", R"(SetParamString(9, "1.1.1.1"))",
+                     R"(SetParamString(10, "2.2.2.2"))", R"(SetParamString(11, "3.3.3.3"))", "SaveConfig()"}),
+              calls());
 }
 
 TEST_F(NetworkTest, OneSpellingOfDhcpIsChangedWhereItIsStored)
@@ -292,7 +291,7 @@ TEST_F(NetworkTest, OneSpellingOfDhcpIsChangedWhereItIsStored)
 TEST_F(NetworkTest, DnsIsActiveAsTheModeAndTheServersSay)
 {
     bootHypervisor();
-    for (const std::uint8_t dnsMode : {0, 1, 2, 255}) {
+    for (const std::uint8_t dnsMode : kDnsModes) {
         for (unsigned int servers = 0; servers < 8; ++servers) {
             tNet net;
             net.dnsMode = dnsMode;
@@ -330,8 +329,8 @@ protected:
             return out;
         };
         tNet net;
-        for (std::string* field : {&net.interface, &net.mode, &net.ipAddress, &net.netmask, &net.gateway,
-                                   &net.hostname, &net.dnsDomain})
+        for (std::string* field :
+             {&net.interface, &net.mode, &net.ipAddress, &net.netmask, &net.gateway, &net.hostname, &net.dnsDomain})
             *field = take();
         net.dnsMode = at < request.size() ? request[at] : 0;
         ++at;
@@ -426,8 +425,7 @@ TEST_F(NetworkTest, AFailedCallIsAcceptedAllTheSame)
     complains(rig::repeated("SDBusSysD: Failed to get cfg: ETHInternal\n", 2) +
               rig::repeated("SDBusSysD: Failed to get cfg: EthDev\n", 2) +
               "SysDDBusCtrl: Failed to call configureNetIf\n" +
-              rig::repeated("SDBusSysD: Failed to get cfg: EthDev\n", 2) +
-              "Vorlan: setNetworkCfg: ETHInternal: \n");
+              rig::repeated("SDBusSysD: Failed to get cfg: EthDev\n", 2) + "Vorlan: setNetworkCfg: ETHInternal: \n");
 }
 
 TEST_F(NetworkTest, OnAHypervisorEachFailedCallLeavesItsLineAndTheOthersAreMade)

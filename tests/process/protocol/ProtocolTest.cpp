@@ -54,8 +54,7 @@ void ProtocolTest::stop()
     mBooted = false;
     const auto& counts = mRig.peer().counts();
     EXPECT_EQ(0U, counts.stale + counts.broken + counts.resets + counts.repeats);
-    if (mRig.daemon().running())
-        EXPECT_EQ("", rig::hex(mRig.leftovers()));
+    EXPECT_EQ("", rig::hex(mRig.leftovers()));
     const auto end = rig::Clock::now() + rig::kDeadline;
     mRig.daemon().signal(SIGTERM);
     mRig.peer().setTimeout(milliseconds{200});
@@ -73,6 +72,8 @@ void ProtocolTest::stop()
 void ProtocolTest::compareLines()
 {
     EXPECT_EQ("", rig::sanitizerReport(mRig.daemon().err()));
+    if (mAnyLines)
+        return;
     const auto ordered = [this](const std::string& text) { return mAnyOrder ? sortedLines(text) : text; };
     EXPECT_EQ(ordered(mOut + rig::kStopped), ordered(mRig.daemon().out()));
     EXPECT_EQ(ordered(mErr), ordered(rig::linesWithout(mRig.daemon().err(), "SDBusManager: ")));
@@ -117,8 +118,8 @@ ProtocolTest::Calls ProtocolTest::signals()
     EXPECT_TRUE(comes(sim::match::property("StatusQV", mark)));
     Calls out;
     for (const sim::tEvent& event : timeline().events(mSpan)) {
-        const bool heard = event.service == "vorlan" &&
-                           (event.kind == sim::KindE::eSignal || event.kind == sim::KindE::eProperty);
+        const bool heard =
+            event.service == "vorlan" && (event.kind == sim::KindE::eSignal || event.kind == sim::KindE::eProperty);
         if (heard && !(event.member == "StatusQV" && event.arguments == mark))
             out.push_back(event.call().substr(sizeof "vorlan." - 1));
     }

@@ -2,17 +2,17 @@
 
 #include "tests/process/Rig.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <functional>
 #include <map>
 #include <string>
 #include <vector>
 
-/// The real daemon on the simulated device, with QV at the other end of the line. Whatever the daemon writes is compared
-/// byte for byte at the end of the test: what is expected has to be announced with prints() and complains(). It must
-/// then still be in step, stop cleanly and have sent nothing that nobody asked for.
+/// The real daemon on the simulated device, with QV at the other end of the line. Whatever the daemon writes is
+/// compared byte for byte at the end of the test: what is expected has to be announced with prints() and complains().
+/// It must then still be in step, stop cleanly and have sent nothing that nobody asked for.
 class ProtocolTest : public testing::Test
 {
 protected:
@@ -49,6 +49,7 @@ protected:
     // What came of it
     /// The calls of this span, those of the system daemon without its name: SetParamInt(0, 3), logo.Start().
     Calls calls();
+    static bool has(const Calls& calls, const std::string& call) { return std::ranges::count(calls, call) > 0; }
     /// The signals and property changes of this span that have arrived up to now, and all that were sent before it:
     /// waits for one that is sent on purpose behind them, by a write of QV's status.
     Calls signals();
@@ -62,6 +63,8 @@ protected:
     void prints(const std::string& lines) { mOut += lines; }
     /// Two threads write, so that lines come in any order; still none is missing and none is too many.
     void linesInAnyOrder() { mAnyOrder = true; }
+    /// Which lines come depends on who is faster.
+    void anyLines() { mAnyLines = true; }
     void complains(const std::string& lines) { mErr += lines; }
 
     rig::Rig mRig;
@@ -73,6 +76,7 @@ private:
     std::string mOut = rig::kStarted;
     std::string mErr;
     bool mAnyOrder = false;
+    bool mAnyLines = false;
     bool mBooted = false;
     std::uint8_t mMark = 200; ///< status that signals() writes next
     std::map<std::string, std::function<void()>> mActions;
@@ -103,9 +107,9 @@ inline Bytes running()
 {
     return status(wire::kStatusRunning);
 }
-inline Bytes address(const std::string& text)
+inline Bytes address(const std::string& address)
 {
-    return rig::writeReg(wire::eRegWrQVIpAddr, text);
+    return rig::writeReg(wire::eRegWrQVIpAddr, rig::text(address));
 }
 inline Bytes applyConfig()
 {

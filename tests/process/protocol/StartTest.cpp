@@ -2,11 +2,6 @@
 
 namespace {
 
-using testing::Contains;
-using testing::ElementsAre;
-using testing::IsEmpty;
-using testing::Not;
-
 class StartTest : public ProtocolTest
 {
 protected:
@@ -32,32 +27,31 @@ protected:
 TEST_F(StartTest, AsksTheSystemDaemonInThisOrder)
 {
     boot();
-    EXPECT_THAT(startCalls(),
-                ElementsAre(R"(AddCfgVar("UpdateMode"))", R"(AddCfgVar("UpdatePath"))", R"(AddCfgVar("UpdateTrigger"))",
-                            R"(AddCfgVar("BootLogoMD5Sum"))", R"(AddCfgVar("AnimatedBootLogoMD5Sum"))",
-                            "GetParamInt(24)", R"(GetCfgBool("IsHypervisorSys"))", "GetParamInt(211)",
-                            "SetParamInt(211, 0)", "SaveConfig()", R"(GetCfgString("VorlanDev"))",
-                            R"(GetCfgInt("VorlanBaud"))"));
+    EXPECT_EQ((Calls{R"(AddCfgVar("UpdateMode"))", R"(AddCfgVar("UpdatePath"))", R"(AddCfgVar("UpdateTrigger"))",
+                     R"(AddCfgVar("BootLogoMD5Sum"))", R"(AddCfgVar("AnimatedBootLogoMD5Sum"))", "GetParamInt(24)",
+                     R"(GetCfgBool("IsHypervisorSys"))", "GetParamInt(211)", "SetParamInt(211, 0)", "SaveConfig()",
+                     R"(GetCfgString("VorlanDev"))", R"(GetCfgInt("VorlanBaud"))"}),
+              startCalls());
 }
 
 TEST_F(StartTest, RegistersTheInternalInterfaceOnAHypervisor)
 {
     sysd().setCfg("IsHypervisorSys", true);
     boot();
-    EXPECT_THAT(startCalls(),
-                ElementsAre(R"(AddCfgVar("UpdateMode"))", R"(AddCfgVar("UpdatePath"))", R"(AddCfgVar("UpdateTrigger"))",
-                            R"(AddCfgVar("BootLogoMD5Sum"))", R"(AddCfgVar("AnimatedBootLogoMD5Sum"))",
-                            "GetParamInt(24)", R"(GetCfgBool("IsHypervisorSys"))", R"(AddCfgVar("ETHInternal"))",
-                            "GetParamInt(211)", "SetParamInt(211, 0)", "SaveConfig()", R"(GetCfgString("VorlanDev"))",
-                            R"(GetCfgInt("VorlanBaud"))"));
+    EXPECT_EQ(
+        (Calls{R"(AddCfgVar("UpdateMode"))", R"(AddCfgVar("UpdatePath"))", R"(AddCfgVar("UpdateTrigger"))",
+               R"(AddCfgVar("BootLogoMD5Sum"))", R"(AddCfgVar("AnimatedBootLogoMD5Sum"))", "GetParamInt(24)",
+               R"(GetCfgBool("IsHypervisorSys"))", R"(AddCfgVar("ETHInternal"))", "GetParamInt(211)",
+               "SetParamInt(211, 0)", "SaveConfig()", R"(GetCfgString("VorlanDev"))", R"(GetCfgInt("VorlanBaud"))"}),
+        startCalls());
 }
 
 TEST_F(StartTest, WithARateOnTheCommandLineNothingIsConfigured)
 {
     sysd().setCfg("VorlanDev", "/dev/null");
     boot(onTheCommandLine());
-    EXPECT_THAT(startCalls(), Not(Contains(R"(GetCfgString("VorlanDev"))")));
-    EXPECT_THAT(startCalls(), Not(Contains(R"(GetCfgInt("VorlanBaud"))")));
+    EXPECT_FALSE(has(startCalls(), R"(GetCfgString("VorlanDev"))"));
+    EXPECT_FALSE(has(startCalls(), R"(GetCfgInt("VorlanBaud"))"));
 }
 
 TEST_F(StartTest, ADeviceWithoutARateCountsForNothing)
@@ -65,7 +59,7 @@ TEST_F(StartTest, ADeviceWithoutARateCountsForNothing)
     sim::Daemon::tOptions options;
     options.arguments = {"-s", "/dev/null"};
     boot(options);
-    EXPECT_THAT(startCalls(), Contains(R"(GetCfgString("VorlanDev"))"));
+    EXPECT_TRUE(has(startCalls(), R"(GetCfgString("VorlanDev"))"));
 }
 
 TEST_F(StartTest, NothingIsAskedBeforeTheSystemDaemonIsReady)
@@ -74,7 +68,7 @@ TEST_F(StartTest, NothingIsAskedBeforeTheSystemDaemonIsReady)
     mRig.start();
     ASSERT_TRUE(timeline().waitForCount(sim::match::call("Ready"), 3));
     beginAll();
-    EXPECT_THAT(startCalls(), IsEmpty());
+    EXPECT_EQ(Calls{}, startCalls());
     sysd().setReady(true);
     bootRunning();
     // one line for each time that it was not
@@ -130,7 +124,7 @@ TEST_F(StartTest, TheStartCodeIsWrittenBackAlsoWhenItCannotBeRead)
     complains("SDBusSysD: Failed to get param: 211\n"
               "SDBusSysD: Failed to get param: 211\n"
               "SDBusSysD: Failed to set param: 211\n");
-    EXPECT_THAT(startCalls(), Contains("SetParamInt(211, 0)"));
+    EXPECT_TRUE(has(startCalls(), "SetParamInt(211, 0)"));
     EXPECT_EQ("00 00", ask(rig::readReg(wire::eRegRdStartCode)));
 }
 

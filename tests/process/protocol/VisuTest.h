@@ -25,8 +25,7 @@ protected:
         prints("Vorlan: ApplyConfig\n"
                "Vorlan::startLogoHandler\n");
         EXPECT_TRUE(comes(sim::match::call("Start").to("logo")));
-        // its line is written before the call
-        EXPECT_TRUE(mRig.daemon().waitForOutput("Vorlan::startLogoHandler\n"));
+        settle();
     }
 
     /// The logos end; the settings are applied when this returns.
@@ -49,7 +48,7 @@ protected:
     {
         EXPECT_EQ("02", ask(req::applyConfig()));
         prints("Vorlan: ApplyConfig\n");
-        return calls();
+        return callsSoFar();
     }
 
     void setVisu(const std::string& url, const std::string& mode = "Web")
@@ -61,9 +60,12 @@ protected:
     /// What applying takes, with the URL as it is handed over.
     static Calls webCalls(const std::string& url)
     {
-        return {"GetParamInt(24)",   "SaveConfig()",
-                R"(GetCfgString("VisuURL"))", R"(GetCfgString("VisuMode"))",
-                "SetParamInt(0, 2)", "SetParamString(90, \"" + url + "\")",
+        return {"GetParamInt(24)",
+                "SaveConfig()",
+                R"(GetCfgString("VisuURL"))",
+                R"(GetCfgString("VisuMode"))",
+                "SetParamInt(0, 2)",
+                "SetParamString(90, \"" + url + "\")",
                 "LoadConfig()"};
     }
     static Calls vncCalls(const std::string& url, bool flag = true)
@@ -91,7 +93,6 @@ protected:
         return out;
     }
 
+    /// Whatever was published has arrived.
     void settle() { signals(); }
-
-    static constexpr char kSysD[] = "SDBusSysD: ";
 };
