@@ -214,6 +214,32 @@ TEST_F(SDataLinkReply, WrapsTheNumberOfAResetFrame)
     expectSent(hex("10 00 1E 7C"));
 }
 
+TEST_F(SDataLinkReply, HoldsAConversationByteByByte)
+{
+    const tBytes request = {
+        0x06, 0x17, 0x02, 0x09, 0xFD, 0x24, 0x00, // reset flag, number 7; payload 02 09; CRC; delimiter
+    };
+    const tBytes answer = {
+        0x06, 0x08, 0x02, 0x80, 0x92, 0xD7, 0x00, // number 8; payload 02 80; CRC; delimiter
+    };
+    const tBytes next = {
+        0x02, 0x08, 0x04, 0x03, 0x55, 0x5E, 0x00, // number 8; payload 00 03; CRC; delimiter
+    };
+    const tBytes nextAnswer = {
+        0x02, 0x09, 0x01, 0x04, 0x5A, 0x8C, 0x08, 0x00, // number 9; payload 00 00 5A; CRC; delimiter
+    };
+    mpLine->deliver(request);
+    expectAccepted(hex("02 09"));
+    reply(hex("02 80"));
+    mpLine->deliver(next);
+    expectAccepted(hex("00 03"));
+    reply(hex("00 00 5A"));
+    mpLine->deliver(next); // QV did not hear it
+    tBytes msg;
+    EXPECT_EQ(tryRead(msg), 2);
+    EXPECT_EQ(mpLine->awaitWrites(3), (std::vector<tBytes>{answer, nextAnswer, nextAnswer}));
+}
+
 // The checks of a received frame, in their order
 
 TEST_F(SDataLinkReceive, AnswersAFrameOfFourBytesOrLessByAReset)
@@ -693,6 +719,51 @@ TEST_F(SDataLinkRead, TakesMessagesOfEveryLength)
         ASSERT_TRUE(mpLink->read(msg));
         ASSERT_EQ(msg, payload) << size;
     }
+}
+
+TEST_F(SDataLinkRead, ServesTheNextRequestAfterABadStreamInWhateverPiecesItComes)
+{
+    const auto good = qv::toWire(linkFrame(kReset, hex("02 00 09")));
+    auto damaged = good;
+    damaged[3] ^= 0x40U;
+    const std::vector<tBytes> streams = {
+        {good.begin(), good.end() - 3},                // cut short
+        damaged,                                       // one bit
+        good + good,                                   // two frames
+        tBytes{good.begin(), good.begin() + 4} + good, // the rest of an older frame in front
+        hex("00 00 00") + good,                        // delimiters in front
+        hex("FF FF FF 00 FF 11"),                      // groups longer than the stream
+        hex("01 01 01 01 00"),                         // nothing but zeros
+    };
+    testing::internal::CaptureStderr();
+    unsigned int token = 0;
+    const auto expectServed = [&] {
+        const tBytes request = hex("01 20") + tBytes{static_cast<unsigned char>(++token % 256)};
+        mpLine->deliver(hex("00"));
+        send(kReset | 3U, request);
+        tBytes msg;
+        do {
+            msg.clear();
+            ASSERT_TRUE(mpLink->read(msg));
+        } while (msg != request);
+        EXPECT_EQ(mpLine->stepsLeft(), 0U);
+    };
+    for (const auto& stream : streams) {
+        SCOPED_TRACE(testing::PrintToString(stream));
+        for (const auto byte : stream)
+            mpLine->deliver({byte});
+        expectServed();
+        for (std::size_t split = 0; split < stream.size(); ++split) {
+            const auto border = stream.begin() + static_cast<std::ptrdiff_t>(split);
+            if (split > 0)
+                mpLine->deliver({stream.begin(), border});
+            if (split % 2 == 0)
+                mpLine->timeOut();
+            mpLine->deliver({border, stream.end()});
+            expectServed();
+        }
+    }
+    testing::internal::GetCapturedStderr();
 }
 
 TEST_F(SDataLinkRead, ServesTheNextRequestAfterAFloodAndGivesItsMemoryBack)
