@@ -182,22 +182,22 @@ bool Rig::serves(milliseconds deadline)
            ask(readReg(wire::eRegRdParamText)) == "00 31 2e 34 2e 32 00";
 }
 
-void Rig::pour(qv::ByteView bytes)
+bool Rig::pour(qv::ByteView bytes)
 {
-    const auto end = Clock::now() + 6 * kDeadline;
     qv::Bytes dropped(4096);
-    while (!bytes.empty() && Clock::now() < end) {
+    while (!bytes.empty()) {
         pollfd line{mPort->fd(), POLLIN | POLLOUT, 0};
         if (poll(&line, 1, static_cast<int>(kDeadline.count())) <= 0)
-            return;
+            return false;
         if ((line.revents & POLLIN) != 0 && read(mPort->fd(), dropped.data(), dropped.size()) < 0)
-            return;
+            return false;
         if ((line.revents & POLLOUT) == 0)
             continue;
         const ssize_t count = write(mPort->fd(), bytes.data(), bytes.size());
         if (count > 0)
             bytes = bytes.subspan(static_cast<std::size_t>(count));
     }
+    return true;
 }
 
 qv::Bytes Rig::receive(std::size_t delimiters, milliseconds deadline)

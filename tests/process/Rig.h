@@ -77,8 +77,8 @@ public:
     /// Gets in step, reads register 0 and, through the system daemon, register 3.
     bool serves(milliseconds deadline = kDeadline);
 
-    /// Sends all of it while reading, and dropping, whatever comes back.
-    void pour(qv::ByteView bytes);
+    /// Sends all of it while reading, and dropping, whatever comes back. False when the line takes no more.
+    bool pour(qv::ByteView bytes);
     /// What comes on the line up to so many delimiters; what there is at the deadline.
     qv::Bytes receive(std::size_t delimiters, milliseconds deadline = kDeadline);
     /// What lies on the line now.
