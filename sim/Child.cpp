@@ -29,7 +29,7 @@ class Spawner
 public:
     static Spawner& instance()
     {
-        static Spawner* spawner = new Spawner; // never destroyed: its thread uses it until the process ends
+        static auto* spawner = new Spawner; // never destroyed: its thread uses it until the process ends
         return *spawner;
     }
 
@@ -74,6 +74,7 @@ private:
 std::vector<char*> pointers(const std::vector<std::string>& texts)
 {
     std::vector<char*> out;
+    out.reserve(texts.size() + 1);
     for (const std::string& text : texts)
         out.push_back(const_cast<char*>(text.c_str())); // exec takes them so and does not write
     out.push_back(nullptr);

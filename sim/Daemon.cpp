@@ -123,7 +123,7 @@ void Daemon::readAll()
 
 void Daemon::take(tStream& stream)
 {
-    std::array<char, 65536> chunk;
+    std::array<char, 65536> chunk{};
     const ssize_t got = read(stream.fd.get(), chunk.data(), chunk.size());
     if (got <= 0)
         stream.fd.reset();

@@ -73,7 +73,7 @@ int LineTap::target(const tDirection& direction) const
 int LineTap::onInput(sd_event_source* source, int fd, std::uint32_t, void* data) noexcept
 {
     auto& direction = *static_cast<tDirection*>(data);
-    std::array<std::uint8_t, 4096> chunk;
+    std::array<std::uint8_t, 4096> chunk{};
     const ssize_t got = read(fd, chunk.data(), chunk.size());
     if (got > 0)
         direction.tap->forward(direction, qv::ByteView(chunk).first(static_cast<std::size_t>(got)));

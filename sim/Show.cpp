@@ -93,9 +93,8 @@ std::string sentence(const tEvent& event, bool later)
 
 Show::Show(std::FILE* people)
     : mPeople(people)
-{
-    mColours = people != nullptr && isatty(fileno(people)) != 0 && std::getenv("NO_COLOR") == nullptr;
-}
+    , mColours(people != nullptr && isatty(fileno(people)) != 0 && std::getenv("NO_COLOR") == nullptr)
+{}
 
 void Show::writeJson(const std::string& path)
 {

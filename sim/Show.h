@@ -32,7 +32,7 @@ private:
     std::string paint(const char* colour, const std::string& text) const;
 
     std::FILE* mPeople;
-    bool mColours = false;
+    bool mColours;
     std::mutex mMutex; ///< guards mOverPrompt
     bool mOverPrompt = false;
     std::FILE* mJson = nullptr;

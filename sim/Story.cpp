@@ -47,6 +47,15 @@ std::string joined(const std::vector<std::string>& texts)
     return texts.empty() ? " nothing" : out;
 }
 
+std::vector<std::string> assignments(const std::map<std::string, std::string>& values)
+{
+    std::vector<std::string> out;
+    out.reserve(values.size());
+    for (const auto& [name, value] : values)
+        out.push_back(name + " = " + value);
+    return out;
+}
+
 std::vector<std::string> callsOf(const Timeline& timeline, const std::string& service, std::size_t from)
 {
     Match calls;
@@ -221,13 +230,7 @@ void Story::desktopReadsEveryProperty()
                                                          {"GifDelayMS", "40"},
                                                          {"ShowQVStatus", "true"}};
     const auto read = mDevice.desktop().allProperties();
-    std::vector<std::string> wanted;
-    std::vector<std::string> got;
-    for (const auto& [name, value] : expected)
-        wanted.push_back(name + " = " + value);
-    for (const auto& [name, value] : read)
-        got.push_back(name + " = " + value);
-    expectEqual("properties", joined(wanted), joined(got));
+    expectEqual("properties", joined(assignments(expected)), joined(assignments(read)));
     seen("nine properties, QV's still empty");
 }
 

@@ -52,7 +52,8 @@ private:
     /// Each is waited for, in any order.
     void expectAll(const std::vector<Match>& wanted);
     void expectEqual(const std::string& what, const std::string& expected, const std::string& seenText) const;
-    std::string ask(const std::string& request);
+    /// A request as typed at QV's prompt; gives the value of a read.
+    std::string ask(const std::string& text);
     void check(const tAsked& asked);
 
     void daemonStarts();
