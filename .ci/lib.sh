@@ -49,9 +49,9 @@ need() {
 configure() {
     local log
     log=$(mktemp)
-    say "configuring build/$1"
+    say "configuring $*"
     CMAKE_GENERATOR=${CMAKE_GENERATOR:-Ninja} cmake --preset "$@" >"$log" 2>&1 ||
-        { cat "$log" >&2; die "configuring build/$1 failed"; }
+        { cat "$log" >&2; die "configuring $1 failed"; }
     rm -f "$log"
 }
 
