@@ -15,7 +15,6 @@ constexpr std::size_t kReplyGuess = 64; ///< bytes of a reply whose length is no
 constexpr std::size_t kReplyMax = 4096; ///< bytes for which the end of a frame is waited for
 constexpr std::size_t kSettleBytes = 7; ///< the daemon reads this much later than the first byte comes
 constexpr auto kByteGap = 20ms;         ///< a frame that stops for longer is not going on
-constexpr unsigned kSyncStride = 8;     ///< keeps a sync's reply apart from late replies
 constexpr std::uint8_t kSyncMessage[] = {wire::eCmdReadReg, wire::eRegRdConst0};
 constexpr std::uint8_t kSyncReply[] = {wire::eCmdReadReg, 0};
 
@@ -112,7 +111,6 @@ bool Peer::sync()
     mInStep = false;
     const auto last = exchange(static_cast<std::uint8_t>(kResetFlag | mNumber), kSyncMessage);
     if (last.end != EndE::eReply) {
-        mNumber = static_cast<std::uint8_t>((mNumber + kSyncStride) & kNumberMask);
         return false;
     }
     mNumber = last.frame.number();

@@ -1,6 +1,9 @@
 #include "qv/BadLine.h"
 #include "tests/process/RigTest.h"
 
+#include <sys/wait.h>
+
+#include <csignal>
 #include <map>
 
 namespace {
@@ -88,6 +91,53 @@ TEST_F(BadLineDeviceTest, TwentyThousandRequestsEachTakeEffectOnceWithTheRightRe
         EXPECT_GT(counts.corrupted, kRequests / 25);
     }
     EXPECT_LT(unknown.size(), kRequests / 100);
+}
+
+/// Frames that wait together are read together, and look like one with a byte too many: refused for its length.
+TEST_F(BadLineDeviceTest, ARequestThatPiledUpWhileTheDaemonSleptTakesEffectOnce)
+{
+    mRig.start();
+    ASSERT_TRUE(mRig.inStep());
+    qv::Peer peer(mRig.port(), {.timeout = 20ms, .tries = 500});
+    ASSERT_TRUE(peer.sync());
+    unsigned refusals = 0;
+    peer.setTrace([&](const qv::tTraceEvent& event) {
+        refusals += event.kind == qv::TraceE::eRefusal ? 1 : 0;
+        if (event.kind == qv::TraceE::eTimeout && event.attempt == 3) {
+            mRig.daemon().signal(SIGCONT);
+        }
+    });
+    mRig.daemon().signal(SIGSTOP);
+    siginfo_t stopped{};
+    ASSERT_EQ(waitid(P_PID, static_cast<id_t>(mRig.daemon().pid()), &stopped, WSTOPPED | WNOWAIT), 0);
+    const auto result = peer.request(rig::call(wire::eMethodSetBrightness, {80}));
+    EXPECT_EQ(result.outcome, OutcomeE::eDone);
+    EXPECT_GE(refusals, 1U);
+    EXPECT_EQ(mRig.timeline().count(sim::match::call("SetBrightness")), 1U);
+}
+
+TEST_F(BadLineDeviceTest, ADaemonThatDiesWithARequestLeavesItUnknown)
+{
+    ASSERT_TRUE(mRig.serve());
+    qv::Peer peer(mRig.port(), {.timeout = 200ms, .tries = 100});
+    ASSERT_TRUE(peer.sync());
+    mRig.device().sysd().setBehaviour("SetCfgInt", sim::tBehaviour::silent());
+    const auto from = mRig.timeline().mark();
+    bool killed = false;
+    peer.setTrace([&](const qv::tTraceEvent& event) {
+        if (event.kind == qv::TraceE::eTimeout && !killed &&
+            mRig.timeline().waitFor(sim::match::call("SetCfgInt"), from)) {
+            killed = true;
+            mRig.daemon().kill();
+            mRig.start();
+        }
+    });
+    const auto result = peer.request(setCfgLong(7));
+    EXPECT_TRUE(killed);
+    EXPECT_EQ(result.outcome, OutcomeE::eUnknown);
+    EXPECT_TRUE(result.mayBeDone);
+    EXPECT_EQ(effects(from)[effectOf(7)], 1U) << "not carried out again by the new daemon";
+    EXPECT_TRUE(peer.inStep());
 }
 
 } // namespace

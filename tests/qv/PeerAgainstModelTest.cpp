@@ -215,6 +215,32 @@ TEST(BadLine, DoesTheSameForTheSameSeed)
     EXPECT_NE(run(5), run(6));
 }
 
+/// Frames keep coming in; which of them are lost?
+TEST(BadLine, SpoilsWhatComesInByItsSeedToo)
+{
+    class Source : public qv::Line
+    {
+    public:
+        void write(qv::ByteView) override {}
+        qv::Bytes read(qv::Clock::time_point) override
+        {
+            return mLeft-- > 0 ? qv::Bytes{2, static_cast<std::uint8_t>(mLeft + 1), 0} : qv::Bytes{};
+        }
+        int mLeft = 200;
+    };
+    const auto received = [](std::uint64_t seed) {
+        Source source;
+        qv::BadLine line(source, {.lose = 0.5, .seed = seed});
+        qv::Bytes all;
+        for (auto bytes = line.read(qv::Clock::now()); !bytes.empty(); bytes = line.read(qv::Clock::now())) {
+            all.insert(all.end(), bytes.begin(), bytes.end());
+        }
+        return all;
+    };
+    EXPECT_EQ(received(1), received(1));
+    EXPECT_NE(received(1), received(2));
+}
+
 TEST(BadLine, ABurstGoesOnForItsFrames)
 {
     ModelDaemon daemon;

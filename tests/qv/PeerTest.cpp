@@ -24,7 +24,11 @@ public:
             mAnswers.pop_front();
         }
     }
-    qv::Bytes read(qv::Clock::time_point) override { return std::exchange(mIncoming, {}); }
+    qv::Bytes read(qv::Clock::time_point deadline) override
+    {
+        mDeadlines.push_back(deadline);
+        return std::exchange(mIncoming, {});
+    }
 
     void answer(std::initializer_list<qv::Bytes> frames)
     {
@@ -36,6 +40,7 @@ public:
     void arrives(const qv::Bytes& bytes) { mIncoming.insert(mIncoming.end(), bytes.begin(), bytes.end()); }
 
     std::vector<qv::Bytes> mWritten;
+    std::vector<qv::Clock::time_point> mDeadlines;
 
 private:
     std::deque<qv::Bytes> mAnswers;
@@ -179,6 +184,47 @@ TEST_F(PeerTest, RepeatsWhenTheReplyIsBroken)
     EXPECT_EQ(result.outcome, OutcomeE::eDone);
     EXPECT_EQ(result.counts.broken, 1U);
     EXPECT_EQ(headers(), "01 01 ");
+}
+
+TEST_F(PeerTest, AnEarlierReplyShortensTheWait)
+{
+    qv::Peer peer(mLine, {.timeout = 1h, .tries = 1});
+    mLine.answer({frame(1, "00 00")});
+    ASSERT_TRUE(peer.sync());
+    mLine.answer({frame(1, "00 00")});
+    const auto before = qv::Clock::now();
+    EXPECT_EQ(peer.request(kBeep).outcome, OutcomeE::eNoAnswer);
+    ASSERT_GE(mLine.mDeadlines.size(), 2U);
+    EXPECT_GT(mLine.mDeadlines[mLine.mDeadlines.size() - 2], before + 50min);
+    EXPECT_LT(mLine.mDeadlines.back(), before + 20min);
+}
+
+TEST_F(PeerTest, AllowsForTheTimeOnASlowLine)
+{
+    qv::Peer peer(mLine, {.timeout = 1s, .tries = 1, .baud = 50});
+    const auto before = qv::Clock::now();
+    EXPECT_FALSE(peer.sync());
+    // 7 bytes out, 7 bytes' pause of the daemon, 64 bytes back: 78 times 10 bits at 50 bit/s
+    EXPECT_GE(mLine.mDeadlines.back(), before + 1s + 15600ms);
+}
+
+TEST_F(PeerTest, AReplyThatStopsHalfwayDoesNotSpoilTheNext)
+{
+    getInStep();
+    auto half = frame(2, "02");
+    half.resize(3);
+    mLine.answer({half});
+    mLine.answer({frame(2, "02")});
+    EXPECT_EQ(mPeer.request(kBeep).outcome, OutcomeE::eDone);
+    EXPECT_EQ(headers(), "01 01 ");
+}
+
+TEST_F(PeerTest, AnotherReadsReplyDoesNotCountAsGettingInStep)
+{
+    mLine.answer({frame(1, "00 50")});
+    mLine.answer({frame(1, "00 00")});
+    EXPECT_TRUE(mPeer.sync());
+    EXPECT_EQ(headers(), "10 10 ");
 }
 
 TEST_F(PeerTest, AReplyToAnotherCommandIsNotTaken)
