@@ -53,8 +53,13 @@ struct SDBusSysD::tCall
 
 SDBusSysD::SDBusSysD()
 {
-    if (adopt(mBus, [](sd_bus** bus) { return sd_bus_open_system(bus); }) < 0)
+    if (openBus() < 0)
         std::fputs("SDBusSysD: failed to open DBus\n", stderr);
+}
+
+int SDBusSysD::openBus()
+{
+    return adopt(mBus, [](sd_bus** bus) { return sd_bus_open_system(bus); });
 }
 
 void SDBusSysD::stop()
@@ -180,12 +185,15 @@ void SDBusSysD::methodNoParam(const char* member)
 bool SDBusSysD::sysDaemonReady()
 {
     const std::lock_guard lock(mMutex);
+    // Asked while the device boots: the bus may be later than we are, or may have dropped us.
+    if (!mBus || sd_bus_is_open(mBus.get()) <= 0)
+        openBus();
     BusError error;
     int ready = 0;
-    if (!mBus || sd_bus_get_property_trivial(mBus.get(), kDestination, kPath, kDestination, "Ready", error.get(), 'b',
-                                             &ready) < 0)
-        return false;
-    return ready != 0;
+    return mBus &&
+           sd_bus_get_property_trivial(mBus.get(), kDestination, kPath, kDestination, "Ready", error.get(), 'b',
+                                       &ready) >= 0 &&
+           ready != 0;
 }
 
 void SDBusSysD::setTime(unsigned long long unixTime)

@@ -17,7 +17,7 @@
 class SDBusSysD
 {
 public:
-    /// Opens the system bus. Without one every operation fails with its lines.
+    /// Opens the system bus. Without one every operation fails with its lines; only sysDaemonReady tries again.
     SDBusSysD();
     virtual ~SDBusSysD() = default;
 
@@ -73,6 +73,7 @@ private:
     MessagePtr prepare(const tCall& call, const char* signature, Args... args);
     void methodNoParam(const char* member);
 
+    int openBus();
     MessagePtr newCall(const char* member);
     int call(sd_bus_message* message, MessagePtr* reply);
     int awaitAnswer(std::uint64_t cookie, MessagePtr& answer);
