@@ -1,7 +1,7 @@
 # Shared by ./run, ./test, .ci/run and bench/cost: what they install, how they build. Sourced with the project's root
 # as the working directory.
 
-kCompile=(g++ cmake ninja-build pkg-config libsystemd-dev)
+kCompile=(g++ cmake ninja-build libsystemd-dev)
 kTools=(libcli11-dev libreadline-dev nlohmann-json3-dev dbus)
 kTests=(libgtest-dev libgmock-dev)
 

@@ -4,6 +4,5 @@ set(CMAKE_SYSTEM_PROCESSOR arm)
 set(CMAKE_CXX_COMPILER arm-linux-gnueabihf-g++)
 set(CMAKE_LIBRARY_ARCHITECTURE arm-linux-gnueabihf)
 set(CMAKE_CROSSCOMPILING_EMULATOR qemu-arm)
-set(ENV{PKG_CONFIG_LIBDIR} /usr/lib/arm-linux-gnueabihf/pkgconfig)
 # this compiler notes a change of its own calling conventions at each use of some standard templates
 set(CMAKE_CXX_FLAGS_INIT -Wno-psabi)
