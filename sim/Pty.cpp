@@ -18,12 +18,14 @@ Pty::Pty(std::string linkPath)
 
 Pty::~Pty()
 {
-    if (!mLink.empty())
-        unlink(mLink.c_str());
+    hangUp();
 }
 
 void Pty::hangUp()
 {
+    // The kernel gives the slave's number to the next pty on the machine: nobody may find that one behind our link.
+    if (!mLink.empty())
+        unlink(mLink.c_str());
     mMaster.reset();
     mSlave.reset();
 }

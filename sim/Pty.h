@@ -24,7 +24,7 @@ public:
     /// /dev/pts/N of the moment.
     const std::string& slavePath() const { return mSlavePath; }
 
-    /// Closes the master: whoever has the slave open sees a hung-up line.
+    /// Closes the master: whoever has the slave open sees a hung-up line, and there is no device behind the link path.
     void hangUp();
     /// A fresh pair, after hangUp(); behind the same link path.
     void reopen();

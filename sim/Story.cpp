@@ -15,7 +15,7 @@ namespace sim {
 
 namespace {
 
-constexpr milliseconds kPatience{6000};
+constexpr milliseconds kPatience{10000};
 constexpr std::size_t kShownEvents = 40;
 constexpr const char* kFirstAddress = "192.168.10.1";
 constexpr const char* kSecondAddress = "192.168.10.99";

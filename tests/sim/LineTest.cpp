@@ -43,6 +43,7 @@ TEST(Pty, hangsUpAndOpensAgainBehindTheSameLink)
     ASSERT_EQ(poll(&poller, 1, static_cast<int>(kDeadline.count())), 1);
     EXPECT_NE(poller.revents & POLLHUP, 0);
     EXPECT_EQ(line.master(), -1);
+    EXPECT_LT(open(path.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC), 0);
 
     line.reopen();
     EXPECT_EQ(line.path(), path);
