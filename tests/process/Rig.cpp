@@ -279,7 +279,8 @@ bool Rig::readTimesOut()
 {
     constexpr milliseconds kPause{20};
     const std::filesystem::path mainThread = taskFolder(daemon().pid()) / std::to_string(daemon().pid());
-    const std::uint64_t wanted = voluntarySwitches(mainThread) + 2;
+    // what has just come costs up to two waits, and what follows them is the time-out
+    const std::uint64_t wanted = voluntarySwitches(mainThread) + 4;
     const auto end = Clock::now() + kDeadline;
     while (voluntarySwitches(mainThread) < wanted)
         if (daemon().waitExit(kPause) || Clock::now() > end)

@@ -98,7 +98,7 @@ public:
     std::uint64_t wakeUps();
     /// The processor time that it has used, in clock ticks.
     std::uint64_t processorTime();
-    /// Waits until the daemon has come back from waiting for the line and waits again.
+    /// Waits until the daemon has dealt with what came on the line, has waited a second for more and waits again.
     bool readTimesOut();
 
 private:
