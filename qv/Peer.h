@@ -168,7 +168,7 @@ private:
     std::optional<tReceived> receive(Clock::time_point deadline);
     /// Looks at what came while no request was under way; a reset frame among it puts us out of step.
     void readLeftovers();
-    bool provesNotDone(const tExchange& exchange) const;
+    bool provesNotDone(const tExchange& last) const;
     std::chrono::nanoseconds lineTime(std::size_t bytes) const;
     std::chrono::nanoseconds grace() const;
     void noteRoundTrip(std::chrono::nanoseconds time);

@@ -60,8 +60,8 @@ Bytes littleEndian(std::uint64_t value, std::size_t size)
 std::uint64_t fromLittleEndian(ByteView bytes)
 {
     std::uint64_t value = 0;
-    for (auto byte = bytes.rbegin(); byte != bytes.rend(); ++byte) {
-        value = value << 8 | *byte;
+    for (std::size_t i = bytes.size(); i-- > 0;) {
+        value = value << 8 | bytes[i];
     }
     return value;
 }

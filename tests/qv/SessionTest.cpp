@@ -128,6 +128,7 @@ TEST_F(SessionTest, TellsOfAnEcho)
     answers({sync, sync, sync});
     EXPECT_EQ(mSession.runLine("call beep"), qv::eStatusNoAnswer);
     EXPECT_NE(mErr.str().find("only what was sent came back (an echo)"), std::string::npos);
+    EXPECT_NE(mErr.str().find("loop-back plug"), std::string::npos);
 }
 
 TEST_F(SessionTest, TellsWhatIsUnknownAfterAReset)
