@@ -9,7 +9,7 @@
 #include <stdexcept>
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#include <sanitizer/allocator_interface.h>
+extern "C" std::size_t allocatedFromSanitizer() asm("__sanitizer_get_current_allocated_bytes");
 #endif
 
 CallTimeOut::CallTimeOut(const char* time)
@@ -86,7 +86,7 @@ std::ostream& operator<<(std::ostream& out, const SignalWatch::tSignal& signal)
 std::size_t allocatedBytes()
 {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-    return __sanitizer_get_current_allocated_bytes();
+    return allocatedFromSanitizer();
 #else
     const struct mallinfo2 info = mallinfo2();
     return info.uordblks + info.hblkhd;

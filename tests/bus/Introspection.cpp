@@ -1,7 +1,6 @@
 #include "tests/bus/Introspection.h"
 
 #include <map>
-#include <regex>
 
 namespace {
 
@@ -28,18 +27,55 @@ std::string withoutComments(std::string xml)
     return xml;
 }
 
+constexpr char kBlank[] = " \t\r\n";
+
+/// name="value" pairs; the text between the tag's name and its end.
+std::map<std::string, std::string> attributesOf(const std::string& text)
+{
+    std::map<std::string, std::string> attributes;
+    std::size_t at = 0;
+    for (;;) {
+        const std::size_t begin = text.find_first_not_of(kBlank, at);
+        const std::size_t equals = text.find('=', at);
+        const std::size_t quote = text.find_first_of("\"'", equals);
+        if (begin == std::string::npos || equals == std::string::npos || quote == std::string::npos)
+            return attributes;
+        const std::size_t end = text.find(text[quote], quote + 1);
+        const std::size_t nameEnd = text.find_first_of(" \t\r\n=", begin);
+        attributes[text.substr(begin, nameEnd - begin)] = text.substr(quote + 1, end - quote - 1);
+        if (end == std::string::npos)
+            return attributes;
+        at = end + 1;
+    }
+}
+
+tTag tagOf(std::string text)
+{
+    tTag tag;
+    tag.opens = text.front() != '/';
+    tag.closes = !tag.opens || text.back() == '/';
+    if (!tag.opens)
+        text.erase(0, 1);
+    else if (tag.closes)
+        text.pop_back();
+    const std::size_t nameEnd = text.find_first_of(kBlank);
+    tag.name = text.substr(0, nameEnd);
+    if (nameEnd != std::string::npos)
+        tag.attributes = attributesOf(text.substr(nameEnd));
+    return tag;
+}
+
 std::vector<tTag> tagsOf(const std::string& text)
 {
-    static const std::regex tagPattern(R"(<(/?)(\w+)((?:\s+[\w:]+\s*=\s*(?:"[^"]*"|'[^']*'))*)\s*(/?)>)");
-    static const std::regex attributePattern(R"(([\w:]+)\s*=\s*["']([^"']*)["'])");
     const std::string xml = withoutComments(text);
     std::vector<tTag> tags;
-    for (std::sregex_iterator it(xml.begin(), xml.end(), tagPattern), end; it != end; ++it) {
-        tTag tag{it->str(1).empty(), !it->str(1).empty() || !it->str(4).empty(), it->str(2), {}};
-        const std::string attributes = it->str(3);
-        for (std::sregex_iterator at(attributes.begin(), attributes.end(), attributePattern); at != end; ++at)
-            tag.attributes[at->str(1)] = at->str(2);
-        tags.push_back(std::move(tag));
+    for (std::size_t begin = 0; (begin = xml.find('<', begin)) != std::string::npos;) {
+        const std::size_t end = xml.find('>', begin);
+        if (end == std::string::npos || end == begin + 1)
+            break;
+        if (xml[begin + 1] != '!' && xml[begin + 1] != '?')
+            tags.push_back(tagOf(xml.substr(begin + 1, end - begin - 1)));
+        begin = end;
     }
     return tags;
 }
