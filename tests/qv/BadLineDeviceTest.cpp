@@ -46,7 +46,7 @@ TEST_F(BadLineDeviceTest, TwentyThousandRequestsEachTakeEffectOnceWithTheRightRe
     mRig.start(options);
     ASSERT_TRUE(mRig.inStep());
     qv::BadLine line(mRig.port(), {.lose = 0.05, .corrupt = 0.05, .seed = 20});
-    qv::Peer peer(line, {.timeout = 5ms, .tries = 40, .firstNumber = 9});
+    qv::Peer peer(line, {.timeout = 5ms, .tries = 2000, .firstNumber = 9});
     const auto from = mRig.timeline().mark();
     std::vector<unsigned> unknown;
     for (unsigned i = 0; i < kRequests; ++i) {
