@@ -14,7 +14,7 @@ public:
     /// What may stand for the word that ends the line: given the text before the word, and the word.
     using CompleteFn = std::function<std::vector<std::string>(const std::string& before, const std::string& word)>;
 
-    LineInput(CompleteFn complete, std::string historyFile);
+    LineInput(const CompleteFn& complete, std::string historyFile);
     LineInput(const LineInput&) = delete;
     LineInput& operator=(const LineInput&) = delete;
     ~LineInput();

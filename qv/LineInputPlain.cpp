@@ -4,7 +4,7 @@
 
 namespace qv {
 
-LineInput::LineInput(CompleteFn, std::string historyFile)
+LineInput::LineInput(const CompleteFn&, std::string historyFile)
     : mHistoryFile(std::move(historyFile))
 {}
 

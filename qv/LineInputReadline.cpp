@@ -48,7 +48,8 @@ char** completeWord(const char* word, int start, int) noexcept
 {
     rl_attempted_completion_over = 1; // no file names where none belong
     found() = completeFn()(std::string(rl_line_buffer, static_cast<std::size_t>(start)), word);
-    rl_completion_append_character = found().size() == 1 && found()[0].ends_with('=') ? '\0' : ' ';
+    const bool wantsValue = found().size() == 1 && found()[0].ends_with('=');
+    rl_completion_append_character = wantsValue ? 0 : 0x20;
     return rl_completion_matches(word, nextFound);
 }
 
@@ -81,10 +82,10 @@ int nextChar(FILE* stream) noexcept
 
 } // namespace
 
-LineInput::LineInput(CompleteFn complete, std::string historyFile)
+LineInput::LineInput(const CompleteFn& complete, std::string historyFile)
     : mHistoryFile(std::move(historyFile))
 {
-    completeFn() = std::move(complete);
+    completeFn() = complete;
     rl_readline_name = "vorlan-qv";
     rl_attempted_completion_function = completeWord;
     rl_completer_word_break_characters = const_cast<char*>(" \t");

@@ -224,7 +224,7 @@ std::vector<std::string> networkWords(const CLI::App& command, const tArguments&
 
 std::vector<std::string> commandWords(const CLI::App& command, const tArguments& arguments)
 {
-    const auto name = command.get_name();
+    const auto& name = command.get_name();
     std::vector<std::string> words{name};
     if (name == "network") {
         const auto network = networkWords(command, arguments);

@@ -61,6 +61,7 @@ tRun runProgram(const std::vector<std::string>& arguments, const std::string& in
     tPipe out;
     tPipe err;
     std::vector<char*> argv;
+    argv.reserve(arguments.size() + 1);
     for (const auto& argument : arguments) {
         argv.push_back(const_cast<char*>(argument.c_str()));
     }
