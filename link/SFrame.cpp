@@ -4,7 +4,6 @@
 #include "link/SerialException.h"
 
 #include <algorithm>
-#include <array>
 #include <chrono>
 #include <memory>
 #include <stdexcept>
@@ -86,11 +85,11 @@ bool SFrame::writeSFrame(const std::vector<unsigned char>* frame)
         if (mpBackend == nullptr)
             throw std::logic_error("no backend");
         // No allocation for a reply of usual length: a thread's first one costs more than the rest of the reply.
-        std::array<unsigned char, kUsualSize> usual;
+        unsigned char usual[kUsualSize];
         std::vector<unsigned char> longer;
         const std::size_t size = encodedCapacity(frame->size()) + 1;
-        unsigned char* wire = usual.data();
-        if (size > usual.size()) {
+        unsigned char* wire = usual;
+        if (size > kUsualSize) {
             longer.resize(size);
             wire = longer.data();
         }
