@@ -171,20 +171,28 @@ void Child::signal(int number) const
         ::kill(mPid, number);
 }
 
-std::optional<tExit> Child::wait(milliseconds deadline)
+bool Child::ended(milliseconds deadline) const
 {
     if (mPid <= 0)
-        return mExit;
+        return true;
     const auto end = Clock::now() + deadline;
     for (;;) {
         pollfd poller{mPidFd.get(), POLLIN, 0};
         const auto left = std::chrono::ceil<milliseconds>(end - Clock::now());
         const int ready = poll(&poller, 1, static_cast<int>(std::max(left, milliseconds{0}).count()));
         if (ready > 0)
-            break;
+            return true;
         if (ready == 0 || errno != EINTR)
-            return std::nullopt;
+            return false;
     }
+}
+
+std::optional<tExit> Child::wait(milliseconds deadline)
+{
+    if (mPid <= 0)
+        return mExit;
+    if (!ended(deadline))
+        return std::nullopt;
     int status = 0;
     while (waitpid(mPid, &status, 0) < 0 && errno == EINTR) {
     }

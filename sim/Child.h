@@ -60,6 +60,8 @@ public:
     explicit operator bool() const { return mPid > 0; }
     /// Sends a signal; nothing when it has been waited for.
     void signal(int number) const;
+    /// Waits until it has ended, and leaves it to wait() to take note of it; false at the deadline.
+    bool ended(milliseconds deadline) const;
     /// Waits until it has ended; nothing at the deadline. Later calls give the same again.
     std::optional<tExit> wait(milliseconds deadline = kDeadline);
     /// SIGKILL, to its own children too, and wait.

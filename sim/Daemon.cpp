@@ -79,23 +79,33 @@ void Daemon::start(const std::string& executable, const tOptions& options)
     spawn.out = options.stdoutFd >= 0 ? options.stdoutFd : out.get();
     spawn.err = err.get();
     spawn.closeOut = options.closeStdout;
-    mChild = Child::spawn(spawn);
+    {
+        const std::lock_guard lock(mChildMutex);
+        mChild = Child::spawn(spawn);
+    }
     mReader = std::thread([this] { readAll(); });
 }
 
 bool Daemon::running()
 {
-    return mChild && !mChild.wait(milliseconds{0});
+    return mChild && !mChild.ended(milliseconds{0});
 }
 
 void Daemon::signal(int number)
 {
+    const std::lock_guard lock(mChildMutex);
     mChild.signal(number);
 }
 
 std::optional<tExit> Daemon::waitExit(milliseconds deadline)
 {
-    const auto exit = mChild.wait(deadline);
+    if (!mChild.ended(deadline))
+        return std::nullopt;
+    std::optional<tExit> exit;
+    {
+        const std::lock_guard lock(mChildMutex);
+        exit = mChild.wait(milliseconds{0});
+    }
     if (exit && mReader.joinable())
         mReader.join();
     return exit;
@@ -103,7 +113,10 @@ std::optional<tExit> Daemon::waitExit(milliseconds deadline)
 
 void Daemon::kill()
 {
-    mChild.kill();
+    {
+        const std::lock_guard lock(mChildMutex);
+        mChild.kill();
+    }
     if (mReader.joinable())
         mReader.join();
 }

@@ -38,6 +38,7 @@ public:
 
     pid_t pid() const { return mChild.pid(); }
     bool running();
+    /// From any thread, a listener to the timeline too; nothing when it has ended.
     void signal(int number);
     /// How it ended, with all its output read; nothing at the deadline.
     std::optional<tExit> waitExit(milliseconds deadline = kDeadline);
@@ -70,6 +71,7 @@ private:
     mutable std::condition_variable mRead;
     tStream mOut{ChannelE::eStdout, {}, {}, 0};
     tStream mErr{ChannelE::eStderr, {}, {}, 0};
+    std::mutex mChildMutex; ///< guards mChild's changes, all made by the owner's thread, against signal()
     Child mChild;
     std::thread mReader;
 };
