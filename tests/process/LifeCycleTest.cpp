@@ -288,6 +288,7 @@ TEST_F(LifeCycle, endsOnceAfterManySignals)
 TEST_F(LifeCycle, takesSignalsWhileItStops)
 {
     ASSERT_TRUE(mRig.serve());
+    ASSERT_TRUE(mRig.waitsForRequest());
     mRig.daemon().signal(SIGTERM);
     EXPECT_EQ(mRig.ask(readReg(wire::eRegRdConst0)), "00 00");
     std::optional<sim::tExit> exit;

@@ -145,6 +145,7 @@ TEST_F(Restart, goesOnOnceASecondWhileTheDeviceIsMissing)
 TEST_F(Restart, isTheEndAfterASignal)
 {
     ASSERT_NO_FATAL_FAILURE(serve());
+    ASSERT_TRUE(mRig.waitsForRequest());
     mRig.daemon().signal(SIGTERM);
     order("read-unknown");
     EXPECT_EQ(mRig.daemon().waitExit(), exited(0));

@@ -89,6 +89,9 @@ public:
     /// The same, and the visualisation has been applied.
     bool playStory();
 
+    /// Waits until the daemon waits for a request, past every look at the flag that a signal raises: the next request
+    /// is read whatever comes before it.
+    bool waitsForRequest();
     /// SIGTERM, and the request that the daemon delivers before it ends.
     std::optional<sim::tExit> stop(milliseconds deadline = kDeadline);
     /// Method 4: ended after its reply, with its reply.
