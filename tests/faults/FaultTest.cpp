@@ -1,8 +1,6 @@
 #include "tests/faults/FaultTest.h"
 
 #include <algorithm>
-#include <cstdlib>
-#include <fstream>
 
 namespace rig {
 
@@ -33,15 +31,7 @@ void FaultTest::TearDown()
 {
     RigTest::TearDown();
     ASSERT_TRUE(mMeasured) << "nothing was measured";
-    RecordProperty("fault", mCell.fault);
-    RecordProperty("shows", mCell.shows);
-    RecordProperty("bound_ms", std::to_string(mCell.bound.count()));
-    RecordProperty("measured_ms", std::to_string(mMeasured->count()));
-    std::printf("[ measured ] %s: %lld ms of %lld ms\n", mCell.fault.c_str(),
-                static_cast<long long>(mMeasured->count()), static_cast<long long>(mCell.bound.count()));
-    if (const char* table = std::getenv("VORLAN_FAULT_TABLE"); table != nullptr && !HasFailure())
-        std::ofstream(table, std::ios::app) << "| " << mCell.fault << " | " << mCell.shows << " | "
-                                            << mCell.bound.count() << " | " << mMeasured->count() << " |\n";
+    record(mCell.fault, mCell.shows, mCell.bound, *mMeasured);
 }
 
 void FaultTest::serve()

@@ -6,6 +6,8 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <cstdlib>
+#include <fstream>
 #include <sstream>
 #include <string>
 
@@ -26,6 +28,20 @@ protected:
         EXPECT_EQ(sanitizerReport(mRig.daemon().err()), "");
         if (HasFailure())
             print(mRig.timeline().text() + "--- standard error\n" + mRig.daemon().err());
+    }
+
+    /// A row of the fault matrix: properties of the test, and a line of the file that VORLAN_FAULT_TABLE names.
+    static void record(const std::string& fault, const std::string& shows, milliseconds bound, milliseconds measured)
+    {
+        RecordProperty("fault", fault);
+        RecordProperty("shows", shows);
+        RecordProperty("bound_ms", std::to_string(bound.count()));
+        RecordProperty("measured_ms", std::to_string(measured.count()));
+        std::printf("[ measured ] %s: %lld ms of %lld ms\n", fault.c_str(), static_cast<long long>(measured.count()),
+                    static_cast<long long>(bound.count()));
+        if (const char* table = std::getenv("VORLAN_FAULT_TABLE"); table != nullptr && !HasFailure())
+            std::ofstream(table, std::ios::app)
+                << "| " << fault << " | " << shows << " | " << bound.count() << " | " << measured.count() << " |\n";
     }
 
     /// Long lines are cut.

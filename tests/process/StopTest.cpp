@@ -18,6 +18,8 @@ struct tStage
     const char* name;
     void (*reach)(Rig& rig); ///< from before the start; fails the test when it is not reached
     std::string lines;       ///< of standard output between the first and the last one
+    const char* words;
+    bool callUnderWay = false; ///< a bus call without an answer, which is given up after two seconds
 };
 
 const std::string kApply = "Vorlan: writeReg eRegWrQVProtVersion 7\nVorlan: ApplyConfig\n";
@@ -44,31 +46,33 @@ void expectCall(Rig& rig, const sim::Match& match)
 
 /// Calls of the desktop that wait for their answer while the daemon is stopped; all end before the test does.
 std::vector<std::jthread> sWaiting;
+/// Another owner of the daemon's name.
+sim::BusPtr sOther;
 
 const tStage kStages[] = {
-    {"RightAfterTheStart", serve, ""},
+    {"RightAfterTheStart", serve, "", "right after the start"},
     {"NoUserBusYet",
      [](Rig& rig) {
          rig.device().stopUserBus();
          serve(rig);
          ASSERT_TRUE(rig.daemon().waitForOutput("SDBusManager: Failed to open dbus system session: "));
      },
-     ""},
+     "", "while there is no user bus yet"},
     {"NameTaken",
      [](Rig& rig) {
-         const sim::BusPtr other = sim::openBus(rig.device().userBus().address());
-         ASSERT_GE(sd_bus_request_name(other.get(), "com.kelvora.vorlan", 0), 0);
+         sOther = sim::openBus(rig.device().userBus().address());
+         ASSERT_GE(sd_bus_request_name(sOther.get(), "com.kelvora.vorlan", 0), 0);
          serve(rig);
          ASSERT_TRUE(rig.daemon().waitForOutput("SDBusManager: Failed to register name dbus name: File exists\n"));
      },
-     ""},
+     "", "while the name is taken"},
     {"ServiceJustUp",
      [](Rig& rig) {
          serve(rig);
          ASSERT_TRUE(rig.device().desktop().waitForName());
      },
-     ""},
-    {"ServiceAnswers", serveWithService, ""},
+     "", "in the second before the service answers"},
+    {"ServiceAnswers", serveWithService, "", "while the service answers"},
     {"PropertyReadUnderWay",
      [](Rig& rig) {
          serveWithService(rig);
@@ -76,7 +80,7 @@ const tStage kStages[] = {
          sWaiting.emplace_back([&rig] { rig.device().desktop().property("ShowLogos"); });
          expectCall(rig, call("GetParamBool", "92"));
      },
-     ""},
+     "", "property read under way", true},
     {"DiagnosticsPageUnderWay",
      [](Rig& rig) {
          serveWithService(rig);
@@ -84,7 +88,7 @@ const tStage kStages[] = {
          sWaiting.emplace_back([&rig] { rig.device().desktop().showQmx(); });
          expectCall(rig, call("SetCfgInt"));
      },
-     ""},
+     "", "diagnostics page under way", true},
     {"LogosToBeStarted",
      [](Rig& rig) {
          rig.device().logo().setBehaviour("Start", tBehaviour::silent());
@@ -92,7 +96,7 @@ const tStage kStages[] = {
          ASSERT_TRUE(rig.tellStory());
          expectCall(rig, call("Start"));
      },
-     kLogosStarted},
+     kLogosStarted, "start of the logos under way", true},
     {"LogosUnderWay",
      [](Rig& rig) {
          rig.device().logo().setDuration({});
@@ -100,7 +104,7 @@ const tStage kStages[] = {
          ASSERT_TRUE(rig.tellStory());
          expectCall(rig, call("Start"));
      },
-     kLogosStarted},
+     kLogosStarted, "logos under way"},
     {"VisualisationBeingSetUp",
      [](Rig& rig) {
          serveWithService(rig);
@@ -108,7 +112,7 @@ const tStage kStages[] = {
          ASSERT_TRUE(rig.tellStory());
          expectCall(rig, call("GetCfgString", "\"VisuURL\""));
      },
-     kLogosFinished},
+     kLogosFinished, "visualisation being set up", true},
     {"VisualisationBeingSetUpWithoutAService",
      [](Rig& rig) {
          rig.device().stopUserBus();
@@ -117,13 +121,13 @@ const tStage kStages[] = {
          ASSERT_TRUE(rig.tellStory());
          expectCall(rig, call("GetCfgString", "\"VisuURL\""));
      },
-     kLogosFinished},
+     kLogosFinished, "visualisation being set up, no user bus", true},
     {"DelayedExitToCome",
      [](Rig& rig) {
          serveWithService(rig);
          ASSERT_TRUE(rig.playStory());
      },
-     kLogosFinished},
+     kLogosFinished, "delayed exit to come"},
     {"ManyDelayedExitsToCome",
      [](Rig& rig) {
          serveWithService(rig);
@@ -131,7 +135,7 @@ const tStage kStages[] = {
          for (int i = 0; i < 10; ++i)
              ASSERT_TRUE(rig.device().desktop().showQmx().ok);
      },
-     kLogosFinished},
+     kLogosFinished, "eleven delayed exits to come"},
     {"ExitUnderWay",
      [](Rig& rig) {
          serveWithService(rig);
@@ -140,26 +144,26 @@ const tStage kStages[] = {
          ASSERT_TRUE(rig.device().desktop().showQmx().ok);
          expectCall(rig, call("Exit"));
      },
-     ""},
+     "", "exit of the idle application under way", true},
     {"SystemDaemonGone",
      [](Rig& rig) {
          serveWithService(rig);
          rig.device().sysd().crash();
      },
-     ""},
+     "", "system daemon gone"},
     {"SystemBusLost",
      [](Rig& rig) {
          serveWithService(rig);
          rig.device().stopSystemBus();
      },
-     ""},
+     "", "system bus lost"},
     {"UserBusLost",
      [](Rig& rig) {
          serveWithService(rig);
          rig.device().stopUserBus();
          ASSERT_TRUE(rig.daemon().waitForOutput("SDBusManager: Failed to open dbus system session: "));
      },
-     ""},
+     "", "user bus lost"},
     {"UserBusLostDuringTheLogos",
      [](Rig& rig) {
          rig.device().logo().setDuration({});
@@ -170,7 +174,7 @@ const tStage kStages[] = {
          rig.device().stopUserBus();
          ASSERT_TRUE(rig.daemon().waitForOutput("Failed to process bus: "));
      },
-     kLogosStarted},
+     kLogosStarted, "user bus lost during the logos"},
 };
 
 void PrintTo(const tStage& stage, std::ostream* out)
@@ -186,8 +190,12 @@ protected:
     void TearDown() override
     {
         sWaiting.clear();
+        sOther.reset();
         RigTest::TearDown();
     }
+
+    milliseconds mBound{0};
+    milliseconds mMeasured{0};
 
     /// All calls that the stand-ins got since then.
     std::vector<std::string> callsSince(std::size_t from)
@@ -199,15 +207,27 @@ protected:
         return out;
     }
 
+    void expectEnd()
+    {
+        const milliseconds bound{GetParam().callUnderWay ? 7000 : 4000};
+        const auto from = Clock::now();
+        EXPECT_EQ(mRig.daemon().waitExit(bound), exited(0));
+        mBound = bound;
+        mMeasured = std::chrono::ceil<milliseconds>(Clock::now() - from);
+    }
+
     void expectWholeOutput() { EXPECT_EQ(mRig.daemon().out(), kStarted + GetParam().lines + kStopped); }
 };
 
 TEST_P(StopAtEveryStage, byASignal)
 {
     const std::size_t from = mRig.timeline().mark();
+    ASSERT_TRUE(mRig.waitsForRequest());
     mRig.daemon().signal(SIGTERM);
     EXPECT_EQ(mRig.ask(readReg(wire::eRegRdConst0)), "00 00");
-    EXPECT_EQ(mRig.daemon().waitExit(), exited(0));
+    expectEnd();
+    record(std::string("stop by SIGTERM: ") + GetParam().words, "the reply, status 0, no further bus call", mBound,
+           mMeasured);
     expectWholeOutput();
     EXPECT_EQ(countOf(mRig.daemon().err(), kStopping), 1U);
     EXPECT_EQ(callsSince(from), std::vector<std::string>{});
@@ -217,7 +237,8 @@ TEST_P(StopAtEveryStage, byASignal)
 TEST_P(StopAtEveryStage, byMethodFour)
 {
     EXPECT_EQ(mRig.ask(rig::call(wire::eMethodStartUpdate)), "02");
-    EXPECT_EQ(mRig.daemon().waitExit(), exited(0));
+    expectEnd();
+    record(std::string("stop by method 4: ") + GetParam().words, "the reply, status 0", mBound, mMeasured);
     expectWholeOutput();
     EXPECT_EQ(countOf(mRig.daemon().err(), kStopping), 1U);
     EXPECT_EQ(hex(mRig.leftovers()), "");
