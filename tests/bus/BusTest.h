@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-/// The bus library gives up on a call after this time ("500ms"), on connections that are opened from now on.
+/// The bus library gives up on a call after this time ("1s"), on connections that are opened from now on.
 class CallTimeOut
 {
 public:
@@ -25,7 +25,7 @@ class BusTest : public ::testing::Test
 {
 protected:
     static constexpr const char* kPatient = "20s";
-    static constexpr const char* kHasty = "500ms";
+    static constexpr const char* kHasty = "1s";
 
     explicit BusTest(const char* callTimeOut = kPatient);
     ~BusTest() override;

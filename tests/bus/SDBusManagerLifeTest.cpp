@@ -25,7 +25,7 @@ using ::testing::SizeIs;
 void SDBusManagerTest::expectStops()
 {
     auto stopping = std::async(std::launch::async, [this] { mService.stop(); });
-    ASSERT_EQ(stopping.wait_for(std::chrono::seconds(5)), std::future_status::ready);
+    ASSERT_EQ(stopping.wait_for(sim::kDeadline), std::future_status::ready);
     EXPECT_FALSE(mService.isRunning());
 }
 
@@ -166,11 +166,12 @@ TEST_F(SDBusManagerLifeTest, lostBusIsFoundAgain)
     mService.emitOrientationChanged();
     EXPECT_EQ(watch.next().member, "OrientationChanged");
     expectStops();
-    const std::string all = mStderr.text();
-    std::string expected;
-    for (std::size_t i = 0; i < countOf(all, kRefused); ++i)
-        expected += kRefused + kRetry;
-    EXPECT_EQ(all, expected + kRetry + kStopping);
+    std::vector<std::string> lines = mStderr.writes();
+    // an attempt while the bus is just going may fail in other words
+    for (std::size_t i = 0; i + 1 < lines.size() && lines[i].starts_with("SDBusManager: Failed to ") &&
+                            lines[i] != kRetry && lines[i + 1] == kRetry;)
+        lines.erase(lines.begin(), lines.begin() + 2);
+    EXPECT_THAT(lines, ElementsAre(kRetry, kStopping));
 }
 
 TEST_F(SDBusManagerLifeTest, busThatRestartsAtOnceIsFoundAgain)

@@ -105,14 +105,16 @@ TEST_F(BadInput, halfAFrameAndThenSilenceSpoilsOnlyTheNextFrame)
     EXPECT_EQ(mRig.timeline().count(call("GetParamString")), 1U);
 }
 
-TEST_F(BadInput, aFrameMayComeByteByByte)
+TEST_F(BadInput, aFrameMayComeInPiecesWithTimeOutsBetween)
 {
     ASSERT_NO_FATAL_FAILURE(serve());
     const std::uint8_t number = mRig.peer().number();
-    for (const std::uint8_t byte : wireOf(readReg(wire::eRegRdParamText))) {
-        mRig.port().write(qv::Bytes{byte});
-        ASSERT_TRUE(byte == qv::kDelimiter || mRig.readTimesOut());
-    }
+    const qv::Bytes wire = wireOf(readReg(wire::eRegRdParamText));
+    mRig.port().write(qv::ByteView(wire).first(1));
+    ASSERT_TRUE(mRig.readTimesOut());
+    mRig.port().write(qv::ByteView(wire).subspan(1, 4));
+    ASSERT_TRUE(mRig.readTimesOut());
+    mRig.port().write(qv::ByteView(wire).subspan(5));
     EXPECT_EQ(hex(mRig.receive(1)),
               hex(qv::toWire(qv::buildFrame(qv::nextNumber(number), qv::Bytes{0, '1', '.', '4', '.', '2', 0}))));
 }
@@ -189,6 +191,11 @@ TEST_F(BadInput, aFloodOfDelimitersIsAFloodOfEmptyFrames)
 TEST_F(BadInput, aHungUpLineCostsAFewWakeUpsASecond)
 {
     constexpr milliseconds kWindow{3000};
+#ifdef __SANITIZE_THREAD__
+    constexpr std::uint64_t kOfTheSanitizer = 40; // a thread of its own looks around ten times a second
+#else
+    constexpr std::uint64_t kOfTheSanitizer = 0;
+#endif
     ASSERT_NO_FATAL_FAILURE(serve());
     ASSERT_TRUE(mRig.device().desktop().waitForService());
     mRig.hangUp();
@@ -199,7 +206,7 @@ TEST_F(BadInput, aHungUpLineCostsAFewWakeUpsASecond)
     const std::uint64_t wokenUp = mRig.wakeUps() - wakeUps;
     RecordProperty("wake_ups_in_3_s", std::to_string(wokenUp));
     EXPECT_GE(wokenUp, 2U);
-    EXPECT_LE(wokenUp, 30U);
+    EXPECT_LE(wokenUp, 30U + kOfTheSanitizer);
     EXPECT_LE(mRig.processorTime() - ticks, 30U); // a tenth of the time
     EXPECT_EQ(mRig.device().desktop().property("StatusQV").value, "0");
     mRig.daemon().kill();

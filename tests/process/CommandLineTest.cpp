@@ -170,6 +170,7 @@ TEST_P(AcceptedCommandLine, opensTheDeviceAtTheRate)
     EXPECT_EQ(speedOf(line), GetParam().speed.value_or(B57600));
     EXPECT_EQ(mRig.timeline().count(call("GetCfgString", "\"VorlanDev\"")), given ? 0U : 1U);
     EXPECT_EQ(mRig.timeline().count(call("GetCfgInt", "\"VorlanBaud\"")), given ? 0U : 1U);
+    ASSERT_TRUE(mRig.daemon().waitForOutput(kStarted));
     EXPECT_EQ(mRig.daemon().out(), kStarted);
 }
 

@@ -160,6 +160,18 @@ TEST_F(LogoPhaseTest, ALogoHandlerThatDiesOverTheStartIsLikeNone)
     complains("SDBusLogoHandler: Failed to start logohandler: Connection timed out\n");
 }
 
+TEST_F(LogoPhaseTest, ALogoHandlerThatDoesNotAnswerIsLikeNone)
+{
+    sim::Daemon::tOptions options;
+    options.environment = {{"SYSTEMD_BUS_TIMEOUT", "3s"}};
+    logo().setBehaviour("Start", sim::tBehaviour::silent());
+    bootToLogos(options);
+    prints("Vorlan::startLogoHandler: finished\n");
+    complains("SDBusLogoHandler: Failed to start logohandler: Connection timed out\n");
+    EXPECT_TRUE(comes(call("LoadConfig")));
+    EXPECT_TRUE(comes(signal("LogosFinished")));
+}
+
 TEST_F(LogoPhaseTest, ALogoHandlerThatIsBackMayStillFinish)
 {
     bootToLogos();
