@@ -407,6 +407,7 @@ TEST_F(SDBusManagerLifeTest, manyThreadsReadEmitAndChangeValuesAtOnce)
     std::atomic<bool> end = false;
 
     std::vector<std::thread> clients;
+    clients.reserve(3);
     for (int client = 0; client < 3; ++client) {
         clients.emplace_back([&, client] {
             const std::string names[] = {"StatusText", "IpAddrQV", "StatusQV", "AnimationEnabled", "GifOffsetX"};
@@ -480,6 +481,7 @@ TEST_F(SDBusManagerLifeTest, manyThreadsEmitWhileTheBusComesAndGoes)
     startService();
     std::atomic<bool> end = false;
     std::vector<std::thread> threads;
+    threads.reserve(2);
     for (int i = 0; i < 2; ++i) {
         threads.emplace_back([&] {
             while (!end) {

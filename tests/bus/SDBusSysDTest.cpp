@@ -429,6 +429,7 @@ TEST_F(SDBusSysDTest, callsOfSeveralThreadsFollowOneAnother)
     });
     mDevice.sysd().setBehaviour("*", tBehaviour::delayed(sim::milliseconds{2}));
     std::vector<std::thread> threads;
+    threads.reserve(kThreads);
     for (int i = 0; i < kThreads; ++i) {
         threads.emplace_back([&sysd, i] {
             for (int round = 0; round < kRounds; ++round) {
@@ -509,12 +510,12 @@ class SignalsDuring
 {
 public:
     SignalsDuring(sim::Timeline& timeline, const std::string& member)
-        : mBefore(std::signal(SIGTERM, onSignal))
+        : mBefore(std::signal(SIGUSR1, onSignal))
         , mThread([this, &timeline, member, caller = pthread_self()] {
             timeline.waitFor(sim::match::call(member));
             const auto ended = mEnd.get_future();
             do
-                pthread_kill(caller, SIGTERM);
+                pthread_kill(caller, SIGUSR1);
             while (ended.wait_for(std::chrono::milliseconds(5)) == std::future_status::timeout);
         })
     {}
@@ -524,7 +525,7 @@ public:
     {
         mEnd.set_value();
         mThread.join();
-        std::signal(SIGTERM, mBefore);
+        std::signal(SIGUSR1, mBefore);
     }
 
 private:
@@ -585,7 +586,7 @@ TEST_F(SDBusSysDTest, stopSignalDuringACallWhoseServiceGoesAway)
     mDevice.sysd().setBehaviour("GetParamInt", tBehaviour::silent());
     std::thread leaver([this, caller = pthread_self()] {
         mDevice.timeline().waitFor(sim::match::call("GetParamInt"));
-        pthread_kill(caller, SIGTERM);
+        pthread_kill(caller, SIGUSR1);
         mDevice.sysd().crash();
     });
     {

@@ -33,6 +33,7 @@ protected:
         const std::string home = "HOME=" + mRig.device().folder();
         const std::vector<std::string> words{kVorlanQv, "--port", mBridge.device(), "--timeout", "10000", "shell"};
         std::vector<char*> argv;
+        argv.reserve(words.size() + 1);
         for (const auto& word : words) {
             argv.push_back(const_cast<char*>(word.c_str()));
         }

@@ -324,7 +324,7 @@ protected:
         const auto take = [&]() -> std::string {
             const auto begin = request.begin() + static_cast<std::ptrdiff_t>(std::min(at, request.size()));
             const auto end = std::find(begin, request.end(), 0);
-            const std::string out = end == request.end() ? "" : std::string(begin, end);
+            std::string out = end == request.end() ? "" : std::string(begin, end);
             at += out.size() + 1;
             return out;
         };
