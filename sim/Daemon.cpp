@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <array>
@@ -137,12 +138,14 @@ void Daemon::readAll()
 void Daemon::take(tStream& stream)
 {
     std::array<char, 65536> chunk{};
-    const ssize_t got = read(stream.fd.get(), chunk.data(), chunk.size());
-    if (got <= 0)
-        stream.fd.reset();
-    else {
+    ssize_t got = 0;
+    {
         const std::lock_guard lock(mMutex);
-        stream.bytes.append(chunk.data(), static_cast<std::size_t>(got));
+        got = read(stream.fd.get(), chunk.data(), chunk.size());
+        if (got <= 0)
+            stream.fd.reset();
+        else
+            stream.bytes.append(chunk.data(), static_cast<std::size_t>(got));
     }
     endLines(stream, got <= 0);
     mRead.notify_all();
@@ -166,16 +169,24 @@ void Daemon::endLines(tStream& stream, bool atEnd)
     }
 }
 
+std::string Daemon::written(const tStream& stream) const
+{
+    std::unique_lock lock(mMutex);
+    mRead.wait_for(lock, kDeadline, [&stream] {
+        int waiting = 0;
+        return !stream.fd || ioctl(stream.fd.get(), FIONREAD, &waiting) < 0 || waiting == 0;
+    });
+    return stream.bytes;
+}
+
 std::string Daemon::out() const
 {
-    const std::lock_guard lock(mMutex);
-    return mOut.bytes;
+    return written(mOut);
 }
 
 std::string Daemon::err() const
 {
-    const std::lock_guard lock(mMutex);
-    return mErr.bytes;
+    return written(mErr);
 }
 
 bool Daemon::waitForOutput(const std::string& text, milliseconds deadline, std::size_t times) const

@@ -45,7 +45,7 @@ public:
     /// SIGKILL and wait.
     void kill();
 
-    /// All bytes so far, as they came.
+    /// All bytes that it has written so far. Not for listeners to the timeline.
     std::string out() const;
     std::string err() const;
     /// Waits until either stream contains the text (so many times, counted over both).
@@ -60,6 +60,7 @@ private:
         std::size_t lineStart = 0;
     };
 
+    std::string written(const tStream& stream) const;
     void readAll();
     void take(tStream& stream);
     void endLines(tStream& stream, bool atEnd);
@@ -67,7 +68,7 @@ private:
     Timeline& mTimeline;
     const PrivateBus& mSystemBus;
     const PrivateBus& mUserBus;
-    mutable std::mutex mMutex; ///< guards the streams' bytes
+    mutable std::mutex mMutex; ///< guards the streams' bytes and descriptors
     mutable std::condition_variable mRead;
     tStream mOut{ChannelE::eStdout, {}, {}, 0};
     tStream mErr{ChannelE::eStderr, {}, {}, 0};

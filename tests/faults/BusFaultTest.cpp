@@ -98,8 +98,9 @@ TEST_F(BusFault, userBusAbsent)
     ASSERT_TRUE(mRig.tellStory());
     ASSERT_TRUE(mRig.timeline().waitFor(call("LoadConfig"), 0, left()));
     recovered();
-    EXPECT_THAT(errOfMain(), ::testing::StartsWith("SDBusLogoHandler: Failed to open user dbus: "));
+    EXPECT_TRUE(mRig.daemon().waitForOutput("SDBusLogoHandler: Failed to open user dbus: "));
     EXPECT_TRUE(mRig.daemon().waitForOutput("Vorlan: Failed to open dbus\n")); // the exit, four seconds later
+    EXPECT_THAT(errOfMain(), ::testing::StartsWith("SDBusLogoHandler: Failed to open user dbus: "));
 }
 
 TEST_F(BusFault, userBusLate)
