@@ -42,7 +42,7 @@ struct SDBusSysD::tCall
     const char* prefix;
     const char* member;
     const char* failure;           ///< says that the call failed, or that its answer could not be read
-    std::string_view subject = {}; ///< what the failure's words end in: a parameter's number, a key
+    std::string_view subject = ""; ///< what the failure's words end in: a parameter's number, a key
 
     void log(const char* words, std::string_view what = "") const
     {

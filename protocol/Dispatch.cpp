@@ -4,6 +4,7 @@
 #include "protocol/Wire.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdio>
 #include <iterator>
 #include <memory>
@@ -20,9 +21,9 @@ std::unique_ptr<Vorlan::tBytes> newReply(bool error, unsigned char cmd, std::siz
     return message;
 }
 
-unsigned int byteAt(std::size_t pos, const Vorlan::tBytes& data)
+unsigned int byteAt(std::uint64_t pos, const Vorlan::tBytes& data)
 {
-    return pos < data.size() ? data[pos] : 0U;
+    return pos < data.size() ? data[static_cast<std::size_t>(pos)] : 0U;
 }
 
 } // namespace
@@ -163,7 +164,7 @@ void Vorlan::reply(bool error, unsigned char cmd, const std::string& text)
 
 int Vorlan::toInt(unsigned int pos, const tBytes& data)
 {
-    const std::size_t at = pos;
+    const std::uint64_t at = pos; // does not wrap where std::size_t has 32 bits
     return static_cast<int>(byteAt(at, data) | byteAt(at + 1, data) << 8U | byteAt(at + 2, data) << 16U |
                             byteAt(at + 3, data) << 24U);
 }

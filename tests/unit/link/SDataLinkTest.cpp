@@ -586,7 +586,7 @@ public:
         pthread_getattr_default_np(&mBefore);
         pthread_attr_t huge;
         pthread_attr_init(&huge);
-        pthread_attr_setstacksize(&huge, std::size_t{1} << (sizeof(std::size_t) * 8 - 2));
+        pthread_attr_setstacksize(&huge, SIZE_MAX / 8 * 7); // more than a 32-bit program can find under an emulator
         pthread_setattr_default_np(&huge);
         pthread_attr_destroy(&huge);
     }
