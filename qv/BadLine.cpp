@@ -19,6 +19,15 @@ BadLine::BadLine(Line& line, const tBadLineOptions& options)
     mIn.random.seed(options.seed ^ kReceiveSeed);
 }
 
+void BadLine::setOptions(const tBadLineOptions& options)
+{
+    mOptions = options;
+    for (auto* direction : {&mOut, &mIn}) {
+        direction->loseLeft = 0;
+        direction->corruptLeft = 0;
+    }
+}
+
 bool BadLine::hits(tDirection& direction, double probability)
 {
     constexpr double kScale = 1.0 / 9007199254740992.0; // 53 bits, the same on every platform
@@ -52,7 +61,11 @@ std::vector<std::pair<milliseconds, Bytes>> BadLine::spoil(tDirection& direction
     }
     if (!frame.empty() && hitsInBurst(direction, mOptions.corrupt, direction.corruptLeft)) {
         ++counts.corrupted;
-        frame[below(direction, frame.size())] ^= static_cast<std::uint8_t>(1 + below(direction, 255));
+        const auto at = below(direction, frame.size());
+        const auto end = at + 1 + (mOptions.run > 1 ? below(direction, mOptions.run) : 0);
+        for (auto i = at; i < std::min(end, frame.size()); ++i) {
+            frame[i] ^= static_cast<std::uint8_t>(1 + below(direction, 255));
+        }
     }
     if (hits(direction, mOptions.stray)) {
         ++counts.strays;

@@ -13,6 +13,7 @@ struct tBadLineOptions
 {
     double lose = 0;    ///< the frame vanishes
     double corrupt = 0; ///< one byte of it, delimiter included, becomes another
+    unsigned run = 1;   ///< a corruption garbles at most so many bytes in a row
     double stray = 0;   ///< a random byte comes before it
     bool split = false; ///< it comes in two pieces, `splitPause` apart
     std::chrono::milliseconds splitPause{5};
@@ -39,6 +40,9 @@ class BadLine : public Line
 {
 public:
     BadLine(Line& line, const tBadLineOptions& options);
+
+    /// From now on; bursts under way end. The seed stays what it was.
+    void setOptions(const tBadLineOptions& options);
 
     void write(ByteView bytes) override;
     Bytes read(Clock::time_point deadline) override;

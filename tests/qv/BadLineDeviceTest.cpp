@@ -1,5 +1,5 @@
-#include "qv/BadLine.h"
 #include "tests/process/RigTest.h"
+#include "tests/qv/BadLineRun.h"
 
 #include <sys/wait.h>
 
@@ -11,7 +11,6 @@ namespace {
 using namespace std::chrono_literals;
 using qv::OutcomeE;
 
-constexpr unsigned kRequests = 20'000;
 constexpr const char* kKey = "Startmode";
 
 /// The real daemon at the end of a line that loses and corrupts frames.
@@ -38,60 +37,42 @@ protected:
     static std::string effectOf(unsigned value) { return "\"" + std::string(kKey) + "\", " + std::to_string(value); }
 };
 
+void expectTrue(const bad_line::tFigures& figures, const bad_line::tCase& what)
+{
+    std::printf("%s\n%s\n", bad_line::tFigures::header().c_str(), figures.row(what).c_str());
+    EXPECT_THAT(figures.violations, testing::IsEmpty());
+}
+
 TEST_F(BadLineDeviceTest, TwentyThousandRequestsEachTakeEffectOnceWithTheRightReply)
 {
-    // A fast rate: the daemon waits seven characters' time before each read.
-    sim::Daemon::tOptions options;
-    options.arguments = {"-s", mRig.device().line().path(), "-b", "4000000"};
-    mRig.start(options);
-    ASSERT_TRUE(mRig.inStep());
-    qv::BadLine line(mRig.port(), {.lose = 0.05, .corrupt = 0.05, .seed = 20});
-    qv::Peer peer(line, {.timeout = 5ms, .tries = 2000, .firstNumber = 9});
-    const auto from = mRig.timeline().mark();
-    std::vector<unsigned> unknown;
-    for (unsigned i = 0; i < kRequests; ++i) {
-        if (i % 2 == 0) {
-            const auto result = peer.request(setCfgLong(i));
-            if (result.outcome == OutcomeE::eUnknown) {
-                unknown.push_back(i);
-            } else {
-                ASSERT_EQ(result.outcome, OutcomeE::eDone) << i;
-                ASSERT_TRUE(result.data.empty());
-            }
-        } else {
-            mRig.device().sysd().setParam(180, static_cast<std::int32_t>(i));
-            const auto result = peer.request(rig::readReg(wire::eRegRdParamWordA));
-            ASSERT_EQ(result.outcome, OutcomeE::eDone) << i;
-            ASSERT_EQ(result.data, (qv::Bytes{static_cast<std::uint8_t>(i), static_cast<std::uint8_t>(i >> 8)})) << i;
-        }
+    const bad_line::tCase what{.kind = "frames", .percent = 5, .requests = 20'000, .seed = 20};
+    const auto figures = bad_line::run(mRig, what);
+    expectTrue(figures, what);
+    for (const auto& counts : {figures.sent, figures.received}) {
+        EXPECT_GT(counts.lost, what.requests / 25);
+        EXPECT_GT(counts.corrupted, what.requests / 25);
     }
-    // An outcome that the peer calls unknown is looked up, as its user would, and the request made if it was not
-    // carried out.
-    auto seen = effects(from);
-    for (const auto i : unknown) {
-        while (seen[effectOf(i)] == 0) {
-            peer.request(setCfgLong(i));
-            seen = effects(from);
-        }
-    }
-    std::size_t total = 0;
-    for (unsigned i = 0; i < kRequests; i += 2) {
-        ASSERT_EQ(seen[effectOf(i)], 1U) << i;
-        ++total;
-    }
-    EXPECT_EQ(seen.size(), total) << "and nothing else happened";
-    const auto& sent = line.sentCounts();
-    const auto& received = line.receivedCounts();
-    std::printf("%u frames sent, %u lost, %u corrupted; %u received, %u lost, %u corrupted; %u repeats, %u resets, %zu "
-                "unknown\n",
-                sent.frames, sent.lost, sent.corrupted, received.frames, received.lost, received.corrupted,
-                peer.counts().repeats, peer.counts().resets, unknown.size());
-    for (const auto& counts : {sent, received}) {
-        EXPECT_GT(counts.lost, kRequests / 25);
-        EXPECT_GT(counts.corrupted, kRequests / 25);
-    }
-    EXPECT_LT(unknown.size(), kRequests / 100);
+    EXPECT_LT(figures.unknown, what.requests / 100);
 }
+
+/// Each kind of bad line, fewer requests the more often it fails.
+class EveryBadLineTest : public testing::TestWithParam<std::string>
+{};
+
+TEST_P(EveryBadLineTest, EachRequestTakesEffectOnceWithTheRightReplyAtAnyRate)
+{
+    for (const auto& [percent, requests] :
+         {std::pair{0U, 50U}, {1U, 75U}, {10U, 75U}, {20U, 50U}, {35U, 25U}, {50U, 10U}}) {
+        rig::Rig rig;
+        const bad_line::tCase what{.kind = GetParam(), .percent = percent, .requests = requests, .seed = percent};
+        expectTrue(bad_line::run(rig, what), what);
+        rig.daemon().kill();
+        EXPECT_EQ(rig::sanitizerReport(rig.daemon().err()), "");
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Lines, EveryBadLineTest, testing::ValuesIn(bad_line::kKinds),
+                         [](const auto& test) { return test.param; });
 
 /// Frames that wait together are read together, and look like one with a byte too many: refused for its length.
 TEST_F(BadLineDeviceTest, ARequestThatPiledUpWhileTheDaemonSleptTakesEffectOnce)
