@@ -28,7 +28,7 @@ using qv::Bytes;
 using qv::OutcomeE;
 using Random = std::mt19937_64;
 
-constexpr long kMaxGrowthKiB = 256; ///< of each process, over everything that follows the warm-up
+constexpr long kMaxGrowthKiB = 128; ///< of each process, over everything that follows the warm-up
 constexpr unsigned long kWarmUpRequests = 10'000;
 constexpr std::size_t kFlood = 5 << 18; ///< bytes without a delimiter, more than the daemon gathers
 constexpr unsigned long kForget = 500;  ///< requests after which the timeline is emptied: this process is no subject

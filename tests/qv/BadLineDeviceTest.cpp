@@ -55,6 +55,19 @@ TEST_F(BadLineDeviceTest, TwentyThousandRequestsEachTakeEffectOnceWithTheRightRe
     EXPECT_LT(figures.unknown, what.requests / 100);
 }
 
+/// What no CRC can exclude is found and counted apart.
+TEST_F(BadLineDeviceTest, ASpoiltFrameThatPassesTheCrcIsToldFromAFault)
+{
+    const bad_line::tCase what{.kind = "frames", .percent = 0, .requests = 600, .seed = 3, .forgeOneIn = 40};
+    const auto figures = bad_line::run(mRig, what);
+    expectTrue(figures, what);
+    EXPECT_GT(figures.forgedOut, 0U);
+    EXPECT_GT(figures.forgedIn, 0U);
+    EXPECT_EQ(figures.escapesOut, figures.forgedOut);
+    EXPECT_EQ(figures.escapesIn, figures.forgedIn);
+    EXPECT_GT(figures.byEscapes, 0U);
+}
+
 /// Each kind of bad line, fewer requests the more often it fails.
 class EveryBadLineTest : public testing::TestWithParam<std::string>
 {};

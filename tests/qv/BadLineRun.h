@@ -27,6 +27,7 @@ struct tCase
     unsigned percent = 5;
     unsigned requests = 1000;
     std::uint64_t seed = 1;
+    unsigned forgeOneIn = 0; ///< one frame in so many is changed and its CRC made to fit; 0: none
 };
 
 struct tFigures
@@ -34,10 +35,12 @@ struct tFigures
     qv::tBadLineCounts sent;
     qv::tBadLineCounts received;
     qv::tPeerCounts peer;
-    unsigned unknown = 0;      ///< outcomes that a reset left open; each is looked up on the bus at the end
-    unsigned escapesOut = 0;   ///< spoilt frames to the daemon that pass the CRC all the same
-    unsigned escapesIn = 0;    ///< and from it
-    unsigned byEscapes = 0;    ///< wrong effects and answers that such a frame accounts for
+    unsigned unknown = 0;    ///< outcomes that a reset left open; each is looked up on the bus at the end
+    unsigned escapesOut = 0; ///< spoilt frames to the daemon that pass the CRC all the same
+    unsigned escapesIn = 0;  ///< and from it
+    unsigned byEscapes = 0;  ///< wrong effects and answers that such a frame accounts for
+    unsigned forgedOut = 0;  ///< made on purpose
+    unsigned forgedIn = 0;
     unsigned mended = 0;       ///< times that the line became good in the middle of a request
     unsigned framesToStep = 0; ///< the most that it took from there
     unsigned effectsExpected = 0;
