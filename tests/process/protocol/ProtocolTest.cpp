@@ -67,6 +67,10 @@ void ProtocolTest::stop()
     compareLines();
     mOut = rig::kStarted;
     mErr.clear();
+    // What QV sent after the daemon's last read would meet the next one.
+    mRig.hangUp();
+    mRig.device().line().reopen();
+    mRig.connect();
 }
 
 void ProtocolTest::compareLines()
