@@ -30,6 +30,7 @@ using Random = std::mt19937_64;
 
 constexpr long kMaxGrowthKiB = 128; ///< of each process, over everything that follows the warm-up
 constexpr unsigned long kWarmUpRequests = 10'000;
+constexpr std::size_t kWarmUpNoise = 1 << 20;
 constexpr std::size_t kFlood = 5 << 18; ///< bytes without a delimiter, more than the daemon gathers
 constexpr unsigned long kForget = 500;  ///< requests after which the timeline is emptied: this process is no subject
 
@@ -297,7 +298,11 @@ public:
     std::size_t noiseSoFar() const { return mNoise; }
     std::size_t kinds() const { return mKinds.size(); }
 
-    void stop() { require(mRig.stopByUpdate() == sim::exited(0), "the daemon ended badly"); }
+    void stop()
+    {
+        require(mRig.inStep(), "the daemon does not get in step");
+        require(mRig.stopByUpdate() == sim::exited(0), "the daemon ended badly");
+    }
 
 private:
     void pour(std::size_t bytes, std::uint8_t (*byteOf)(std::uint64_t))
@@ -391,10 +396,13 @@ bool run(const std::string& daemon, unsigned long requests, std::size_t noise, u
         std::printf(" | %6s %6s %4s %4s", "RSS", "anon.", "", "");
     std::printf("\n");
     const auto start = qv::Clock::now();
-    steady.ask(std::min(kWarmUpRequests, requests / 2));
-    const auto warmUp = steady.asked();
-    steady.noise(1 << 18);
+    // The heap takes its size when large blocks have come and gone between the small ones.
+    const auto warmUp = std::min(kWarmUpRequests, requests / 2);
+    steady.ask(warmUp - warmUp / 4);
+    steady.noise(kWarmUpNoise);
     steady.flood();
+    steady.ask(warmUp / 4);
+    steady.noise(kWarmUpNoise);
     const Uses first = steady.measure();
     const auto seconds = [&] { return std::chrono::duration_cast<std::chrono::seconds>(qv::Clock::now() - start); };
     printRow(steady, seconds(), first);
