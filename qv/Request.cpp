@@ -1,8 +1,12 @@
 #include "qv/Request.h"
 
 #include "qv/Values.h"
+#include "qv/Words.h"
 
 #include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <cstring>
 #include <fstream>
 #include <numeric>
 
@@ -71,6 +75,13 @@ const Entry* find(std::span<const Entry> table, std::string_view name)
     return entry == table.end() ? nullptr : &*entry;
 }
 
+std::string lower(std::string_view text)
+{
+    std::string out(text);
+    std::ranges::transform(out, out.begin(), [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    return out;
+}
+
 /// Number of letters to change, add or leave out.
 std::size_t distance(std::string_view a, std::string_view b)
 {
@@ -88,21 +99,48 @@ std::size_t distance(std::string_view a, std::string_view b)
     return row[b.size()];
 }
 
+const char* nameOf(const tField& field)
+{
+    return field.name;
+}
+
+/// The name that was meant, or null.
+template <class Entry>
+const char* nearest(std::span<const Entry> table, std::string_view name)
+{
+    const auto typed = lower(name);
+    const auto entry = std::ranges::find_if(table, [&](const Entry& e) {
+        const std::string_view candidate = nameOf(e);
+        return distance(candidate, typed) <= 2 || (typed.size() > 1 && candidate.find(typed) != std::string_view::npos);
+    });
+    return entry == table.end() ? nullptr : nameOf(*entry);
+}
+
+/// What else goes by this name; empty when nothing does.
+std::string otherUse(std::string_view name, bool asMethod)
+{
+    std::string text;
+    if (findReadRegister(name) != nullptr) {
+        text = asMethod ? "it is a register: read " + std::string(name) : "it can only be read";
+        const auto* setter = findMethod("set-" + std::string(name));
+        text += setter != nullptr ? "; to set it: call " + std::string(setter->name) : "";
+    } else if (findWriteRegister(name) != nullptr) {
+        text = asMethod ? "it is a register: write " + std::string(name) + " VALUE" : "it can only be written";
+    } else if (const auto* method = findMethod(name)) {
+        text = "it is a method: " + usageOf(*method);
+    }
+    return text;
+}
+
 template <class Entry>
 [[noreturn]] void refuseName(std::span<const Entry> table, std::string_view name, const std::string& what)
 {
-    std::string text = "there is no " + what + " '" + std::string(name) + "'";
-    const Entry* best = nullptr;
-    for (const auto& entry : table) {
-        const std::string_view candidate = nameOf(entry);
-        const bool near =
-            distance(candidate, name) <= 2 || (name.size() > 2 && candidate.find(name) != std::string_view::npos);
-        if (near && best == nullptr) {
-            best = &entry;
-        }
+    auto help = otherUse(name, std::is_same_v<Entry, tMethod>);
+    if (help.empty()) {
+        const auto* near = nearest(table, name);
+        help = near != nullptr ? "did you mean " + std::string(near) + "?" : "'list' shows all";
     }
-    text += best != nullptr ? "; did you mean " + std::string(nameOf(*best)) + "?" : "; 'list' shows all";
-    throw RequestError(text);
+    throw RequestError("there is no " + what + " '" + std::string(name) + "'; " + help);
 }
 
 /// The table's entry, or the number alone when it is beyond the table. Throws for a name that is in neither.
@@ -114,11 +152,11 @@ std::pair<const Entry*, std::uint8_t> resolve(std::span<const Entry> table, std:
     if (entry != nullptr) {
         return {entry, numberOf(*entry)};
     }
-    const auto number = asNumber(name);
-    if (!number) {
+    const auto first = name.find_first_not_of("+-");
+    if (first == std::string_view::npos || std::isdigit(static_cast<unsigned char>(name[first])) == 0) {
         refuseName(table, name, what);
     }
-    return {nullptr, *number};
+    return {nullptr, static_cast<std::uint8_t>(parseNumber(name, 0, 255))};
 }
 
 template <class Entry>
@@ -154,6 +192,22 @@ Bytes fieldBytes(const tField& field, std::string_view value)
     }
 }
 
+std::string trimmed(std::string_view text)
+{
+    const auto first = text.find_first_not_of(" \t\r");
+    if (first == std::string_view::npos) {
+        return {};
+    }
+    return std::string(text.substr(first, text.find_last_not_of(" \t\r") - first + 1));
+}
+
+/// Whether it could be meant as the name of an argument.
+bool looksLikeName(std::string_view text)
+{
+    return !text.empty() && std::isalpha(static_cast<unsigned char>(text[0])) != 0 &&
+           std::ranges::all_of(text, [](unsigned char c) { return std::isalnum(c) != 0 || c == '-' || c == '_'; });
+}
+
 /// One value for each field, empty where none was given.
 class Arguments
 {
@@ -163,17 +217,34 @@ public:
         , mValues(method.args.size())
     {}
 
-    void take(const std::string& argument, bool fromFile)
+    /// The next argument by its place, or one by its name.
+    void take(const std::string& argument)
     {
-        if (argument.starts_with('@') && !fromFile && mMethod.id == wire::eMethodSetNetworkCfg) {
-            for (const auto& line : readAssignments(argument.substr(1))) {
-                take(line, true);
+        const auto equals = argument.find('=');
+        const auto name = argument.substr(0, equals);
+        if (equals != std::string::npos && (findField(name) || (looksLikeName(name) && !mMethod.args.empty()))) {
+            takeNamed(name, argument.substr(equals + 1), literalHint(argument));
+        } else if (mNext == mValues.size()) {
+            throw RequestError("'" + argument + "' is one argument too many: " + usageOf(mMethod));
+        } else {
+            set(mNext++, argument, false);
+        }
+    }
+    void takeNamed(const std::string& name, const std::string& value, const std::string& hint = "")
+    {
+        set(fieldOf(name, hint), value, false);
+    }
+    /// The lines "name = value" of a file; empty lines and lines that begin with # are left out.
+    void takeFile(const std::string& fileName)
+    {
+        unsigned number = 0;
+        for (const auto& line : readLines(fileName)) {
+            ++number;
+            try {
+                takeLine(trimmed(line));
+            } catch (const std::invalid_argument& error) {
+                throw RequestError(fileName + ":" + std::to_string(number) + ": " + error.what());
             }
-        } else if (!takeAssignment(argument)) {
-            if (fromFile) {
-                throw RequestError("'" + argument + "' names no argument of " + mMethod.name);
-            }
-            takeNext(argument);
         }
     }
     Bytes bytes() const
@@ -181,7 +252,7 @@ public:
         Bytes all;
         for (std::size_t i = 0; i < mValues.size(); ++i) {
             const auto& field = mMethod.args[i];
-            const auto* value = mValues[i] ? mValues[i]->c_str() : defaultOf(mMethod, field);
+            const auto* value = mValues[i] ? mValues[i]->text.c_str() : defaultOf(mMethod, field);
             if (value == nullptr) {
                 throw RequestError(std::string(field.name) + " is missing: " + usageOf(mMethod));
             }
@@ -191,38 +262,66 @@ public:
     }
 
 private:
-    bool takeAssignment(const std::string& argument)
+    struct tGiven
     {
-        const auto equals = argument.find('=');
-        const auto name = argument.substr(0, equals);
+        std::string text;
+        bool fromFile;
+    };
+
+    std::optional<std::size_t> findField(std::string_view name) const
+    {
         const auto field = std::ranges::find_if(mMethod.args, [&](const tField& f) { return name == f.name; });
-        if (equals == std::string::npos || field == mMethod.args.end()) {
-            return false;
-        }
-        mValues[static_cast<std::size_t>(field - mMethod.args.begin())] = argument.substr(equals + 1);
-        return true;
+        return field == mMethod.args.end() ? std::nullopt
+                                           : std::optional(static_cast<std::size_t>(field - mMethod.args.begin()));
     }
-    void takeNext(const std::string& argument)
+    std::size_t fieldOf(const std::string& name, const std::string& hint) const
     {
-        if (mNext == mValues.size()) {
-            throw RequestError("'" + argument + "' is one argument too many: " + usageOf(mMethod));
+        if (const auto field = findField(name)) {
+            return *field;
         }
-        mValues[mNext++] = argument;
+        const auto* near = nearest(mMethod.args, name);
+        throw RequestError(std::string(mMethod.name) + " has no argument '" + name + "'" +
+                           (near != nullptr ? "; did you mean " + std::string(near) + "?" : ": " + usageOf(mMethod)) +
+                           hint);
+    }
+    /// How to give a text that looks like name=value.
+    std::string literalHint(const std::string& argument) const
+    {
+        if (mNext == mValues.size() || mMethod.args[mNext].type != wire::ValueE::eText) {
+            return "";
+        }
+        return " (A text that holds an equals sign goes as " + std::string(mMethod.args[mNext].name) + "=" + argument +
+               ".)";
+    }
+    void takeLine(const std::string& line)
+    {
+        if (line.empty() || line.starts_with('#')) {
+            return;
+        }
+        const auto equals = line.find('=');
+        if (equals == std::string::npos) {
+            throw RequestError("'name = value' is expected");
+        }
+        const auto field = fieldOf(trimmed(line.substr(0, equals)), "");
+        const auto value = trimmed(line.substr(equals + 1));
+        fieldBytes(mMethod.args[field], value); // a mistake is to be told with its line
+        set(field, value, true);
+    }
+    void set(std::size_t field, const std::string& value, bool fromFile)
+    {
+        auto& given = mValues[field];
+        if (given && given->fromFile == fromFile) {
+            throw RequestError(std::string(mMethod.args[field].name) + " is given twice");
+        }
+        if (!given || !fromFile) {
+            given = {value, fromFile};
+        }
     }
 
     const tMethod& mMethod;
-    std::vector<std::optional<std::string>> mValues;
+    std::vector<std::optional<tGiven>> mValues;
     std::size_t mNext = 0;
 };
-
-std::string trimmed(std::string_view text)
-{
-    const auto first = text.find_first_not_of(" \t\r");
-    if (first == std::string_view::npos) {
-        return {};
-    }
-    return std::string(text.substr(first, text.find_last_not_of(" \t\r") - first + 1));
-}
 
 } // namespace
 
@@ -266,6 +365,9 @@ tRequest callRequest(std::string_view name, std::span<const std::string> args)
     const auto [method, number] = resolve<tMethod>(wire::kMethods, name, "method called");
     tRequest request{{wire::eCmdCall, number}, "", textOf(method, number), number, false, {}};
     request.text = "call " + request.name;
+    for (const auto& argument : args) {
+        request.text += " " + quotedWord(argument);
+    }
     if (method == nullptr) {
         for (const auto& argument : args) {
             append(request.message, rawBytes(argument));
@@ -274,10 +376,30 @@ tRequest callRequest(std::string_view name, std::span<const std::string> args)
     }
     Arguments arguments(*method);
     for (const auto& argument : args) {
-        arguments.take(argument, false);
+        if (argument.starts_with('@') && number == wire::eMethodSetNetworkCfg) {
+            arguments.takeFile(argument.substr(1));
+        } else {
+            arguments.take(argument);
+        }
     }
     append(request.message, arguments.bytes());
     return request;
+}
+
+tRequest networkRequest(std::span<const std::string> args)
+{
+    const auto* method = findMethod("set-network-cfg");
+    for (const auto& argument : args) {
+        const auto equals = argument.find('=');
+        if (argument.starts_with('@')) {
+            continue;
+        }
+        if (equals == std::string::npos) {
+            throw RequestError("'" + argument + "' is no name=value");
+        }
+        Arguments(*method).takeNamed(argument.substr(0, equals), "");
+    }
+    return callRequest(method->name, args);
 }
 
 const char* defaultOf(const tMethod& method, const tField& field)
@@ -303,27 +425,18 @@ std::string usageOf(const tMethod& method)
     return text;
 }
 
-std::vector<std::string> readAssignments(const std::string& fileName)
+std::vector<std::string> readLines(const std::string& fileName)
 {
+    errno = 0;
     std::ifstream file(fileName);
-    if (!file) {
-        throw RequestError("cannot read " + fileName);
-    }
-    std::vector<std::string> assignments;
-    unsigned number = 0;
+    std::vector<std::string> lines;
     for (std::string line; std::getline(file, line);) {
-        ++number;
-        line = trimmed(line);
-        if (line.empty() || line.starts_with('#')) {
-            continue;
-        }
-        const auto equals = line.find('=');
-        if (equals == std::string::npos) {
-            throw RequestError(fileName + ":" + std::to_string(number) + ": 'name = value' is expected");
-        }
-        assignments.push_back(trimmed(line.substr(0, equals)) + "=" + trimmed(line.substr(equals + 1)));
+        lines.push_back(line);
     }
-    return assignments;
+    if (!file.is_open() || file.bad()) {
+        throw RequestError("cannot read " + fileName + (errno != 0 ? std::string(": ") + std::strerror(errno) : ""));
+    }
+    return lines;
 }
 
 } // namespace qv

@@ -23,7 +23,7 @@ public:
 struct tRequest
 {
     Bytes message;
-    std::string text; ///< "read brightness-raw"
+    std::string text; ///< "read brightness-raw", "call set-cfg-str Key 'a b'"
     std::string name; ///< "brightness-raw", or the number of something that is not in the table
     std::uint8_t number = 0;
     bool safeToRepeat = true;
@@ -35,10 +35,12 @@ struct tRequest
 /// All of these throw RequestError or ValueError.
 tRequest readRequest(std::string_view name);
 tRequest writeRequest(std::string_view name, std::string_view value);
-/// Arguments in the table's order, or as name=value in any order. For set-network-cfg every argument may be left out,
-/// and
-/// "@FILE" takes name=value lines from a file.
+/// Arguments in the table's order, or as name=value in any order, each once. A word before an equals sign that names no
+/// argument is refused. For set-network-cfg every argument may be left out, and "@FILE" takes name=value lines from a
+/// file; what is given beside it wins.
 tRequest callRequest(std::string_view name, std::span<const std::string> args);
+/// set-network-cfg, its arguments by name or from a file only.
+tRequest networkRequest(std::span<const std::string> args);
 
 const wire::tRegister* findReadRegister(std::string_view name);
 const wire::tRegister* findWriteRegister(std::string_view name);
@@ -50,8 +52,7 @@ const char* defaultOf(const wire::tMethod& method, const wire::tField& field);
 /// "call set-cfg-long key value", with what may be left out in brackets.
 std::string usageOf(const wire::tMethod& method);
 
-/// The lines "name = value" of a text; empty lines and lines that start with # are left out. Throws
-/// RequestError with the line's number.
-std::vector<std::string> readAssignments(const std::string& fileName);
+/// The lines of a file. Throws RequestError when it cannot be read.
+std::vector<std::string> readLines(const std::string& fileName);
 
 } // namespace qv

@@ -286,7 +286,7 @@ int Session::callWords(Words& words)
 
 int Session::networkWords(Words& words)
 {
-    return call("set-network-cfg", words);
+    return finish(networkRequest(words));
 }
 
 int Session::bootWords(Words& words)

@@ -93,7 +93,7 @@ TEST_F(CommandTest, TellsOfARefusal)
     const auto run = qvCommand({"call", "set-cfg-str", "", "x"});
     EXPECT_EQ(run.status, 1);
     EXPECT_EQ(run.out, "");
-    EXPECT_THAT(run.err, StartsWith("call set-cfg-str: refused by the device (error bit set); nothing was done.\n"));
+    EXPECT_THAT(run.err, StartsWith("call set-cfg-str '' x: refused by the device (error bit set); nothing was done.\n"));
     EXPECT_EQ(qvCommand({"call", "13"}).status, 1) << "a method that the daemon does not have";
     EXPECT_EQ(qvCommand({"write", "7", "1"}).status, 1) << "a register that the daemon does not have";
     EXPECT_THAT(qvCommand({"--json", "call", "13"}).out, HasSubstr("\"error\":\"refused\""));

@@ -93,11 +93,84 @@ TEST(Request, NetworkFieldsComeFromAFile)
     std::ofstream(name) << "mode static\n";
     EXPECT_EQ(errorOf([&] { qv::callRequest("set-network-cfg", Args{"@" + name}); }),
               name + ":1: 'name = value' is expected");
-    std::ofstream(name) << "color = red\n";
+    std::ofstream(name) << "mode = x\ncolor = red\n";
     EXPECT_EQ(errorOf([&] { qv::callRequest("set-network-cfg", Args{"@" + name}); }),
-              "'color=red' names no argument of set-network-cfg");
+              name +
+                  ":2: set-network-cfg has no argument 'color': call set-network-cfg [interface] [mode] [ip-address] "
+                  "[netmask] [gateway] [hostname] [dns-domain] [dns-mode] [dns-server-0] [dns-server-1] "
+                  "[dns-server-2]");
+    std::ofstream(name) << "hostnam = a\n";
+    EXPECT_EQ(errorOf([&] { qv::callRequest("set-network-cfg", Args{"@" + name}); }),
+              name + ":1: set-network-cfg has no argument 'hostnam'; did you mean hostname?");
+    std::ofstream(name) << "# ours\n\ndns-mode = foo\n";
+    EXPECT_EQ(errorOf([&] { qv::callRequest("set-network-cfg", Args{"@" + name}); }),
+              name + ":3: dns-mode: 'foo' will not do: given (0), dhcp (1), none (2) or a number up to 255");
+    std::ofstream(name) << "mode = x\nmode = y\n";
+    EXPECT_EQ(errorOf([&] { qv::callRequest("set-network-cfg", Args{"@" + name}); }), name + ":2: mode is given twice");
     std::remove(name.c_str());
-    EXPECT_EQ(errorOf([&] { qv::callRequest("set-network-cfg", Args{"@" + name}); }), "cannot read " + name);
+    EXPECT_EQ(errorOf([&] { qv::callRequest("set-network-cfg", Args{"@" + name}); }),
+              "cannot read " + name + ": No such file or directory");
+}
+
+TEST(Request, WhatIsTypedWinsOverTheFileWhereverItStands)
+{
+    const auto name = testing::TempDir() + "qv-network-" + std::to_string(getpid());
+    std::ofstream(name) << "mode = static\n";
+    const auto before = qv::callRequest("set-network-cfg", Args{"mode=x", "@" + name}).message;
+    const auto behind = qv::callRequest("set-network-cfg", Args{"@" + name, "mode=x"}).message;
+    EXPECT_EQ(before, qv::callRequest("set-network-cfg", Args{"mode=x"}).message);
+    EXPECT_EQ(behind, before);
+    std::remove(name.c_str());
+}
+
+TEST(Request, AFolderIsNoFile)
+{
+    EXPECT_EQ(errorOf([] { qv::callRequest("set-network-cfg", Args{"@."}); }), "cannot read .: Is a directory");
+}
+
+TEST(Request, AMistypedArgumentNameIsNoValue)
+{
+    EXPECT_EQ(errorOf([] { qv::callRequest("set-network-cfg", Args{"hostnam=x"}); }),
+              "set-network-cfg has no argument 'hostnam'; did you mean hostname? "
+              "(A text that holds an equals sign goes as interface=hostnam=x.)");
+    EXPECT_EQ(errorOf([] {
+                  qv::callRequest("set-cfg-str", Args{"kye=Foo", "value=x"});
+              }),
+              "set-cfg-str has no argument 'kye'; did you mean key? "
+              "(A text that holds an equals sign goes as key=kye=Foo.)");
+    EXPECT_EQ(errorOf([] {
+                  qv::callRequest("set-cfg-str", Args{"Foo", "a_b=x"});
+              }),
+              "set-cfg-str has no argument 'a_b': call set-cfg-str key value "
+              "(A text that holds an equals sign goes as value=a_b=x.)");
+    EXPECT_EQ(errorOf([] {
+                  qv::callRequest("beep-param", Args{"frst=1", "2"});
+              }),
+              "beep-param has no argument 'frst'; did you mean first?");
+    EXPECT_EQ(qv::callRequest("set-cfg-str", Args{"Foo", "value=a=b"}).message, hex("02 01 46 6F 6F 00 61 3D 62 00"));
+    EXPECT_EQ(qv::callRequest("set-cfg-str", Args{"Foo", "2=b"}).message, hex("02 01 46 6F 6F 00 32 3D 62 00"));
+}
+
+TEST(Request, AnArgumentIsGivenOnce)
+{
+    EXPECT_EQ(errorOf([] {
+                  qv::callRequest("beep-param", Args{"first=5", "first=6", "second=7"});
+              }),
+              "first is given twice");
+    EXPECT_EQ(errorOf([] { qv::callRequest("beep-param", Args{"first=5", "6", "7"}); }), "first is given twice");
+    EXPECT_EQ(errorOf([] { qv::callRequest("beep-param", Args{"5", "first=6"}); }), "first is given twice");
+}
+
+TEST(Request, TheNetworkCommandTakesNamesOnly)
+{
+    EXPECT_EQ(qv::networkRequest(Args{"interface=usb0"}).message,
+              qv::callRequest("set-network-cfg", Args{"usb0"}).message);
+    EXPECT_EQ(errorOf([] { qv::networkRequest(Args{"usb0"}); }), "'usb0' is no name=value");
+    EXPECT_EQ(errorOf([] { qv::networkRequest(Args{"hostnam=foo"}); }),
+              "set-network-cfg has no argument 'hostnam'; did you mean hostname?");
+    EXPECT_EQ(errorOf([] { qv::networkRequest(Args{"http://h/?a=b"}); }),
+              "set-network-cfg has no argument 'http://h/?a': call set-network-cfg [interface] [mode] [ip-address] "
+              "[netmask] [gateway] [hostname] [dns-domain] [dns-mode] [dns-server-0] [dns-server-1] [dns-server-2]");
 }
 
 TEST(Request, WhatIsNotInTheTableGoesByNumberAndBytes)
@@ -116,6 +189,26 @@ TEST(Request, MistakesAreExplained)
               "there is no register to read called 'bright'; did you mean brightness-raw?");
     EXPECT_EQ(errorOf([] { qv::writeRequest("zzz", "1"); }),
               "there is no register to write called 'zzz'; 'list' shows all");
+    EXPECT_EQ(errorOf([] { qv::writeRequest("brightness-raw", "5"); }),
+              "there is no register to write called 'brightness-raw'; it can only be read; "
+              "to set it: call set-brightness-raw");
+    EXPECT_EQ(errorOf([] { qv::writeRequest("ip-addr", "5"); }),
+              "there is no register to write called 'ip-addr'; it can only be read");
+    EXPECT_EQ(errorOf([] { qv::readRequest("qv-status"); }),
+              "there is no register to read called 'qv-status'; it can only be written");
+    EXPECT_EQ(errorOf([] { qv::readRequest("set-time"); }),
+              "there is no register to read called 'set-time'; it is a method: call set-time time");
+    EXPECT_EQ(errorOf([] { qv::callRequest("qv-status", Args{"1"}); }),
+              "there is no method called 'qv-status'; it is a register: write qv-status VALUE");
+    EXPECT_EQ(errorOf([] { qv::callRequest("start-code", Args{}); }),
+              "there is no method called 'start-code'; it is a register: read start-code");
+    EXPECT_EQ(errorOf([] { qv::callRequest("SET-BRIGHTNESS", Args{"1"}); }),
+              "there is no method called 'SET-BRIGHTNESS'; did you mean set-brightness?");
+    EXPECT_EQ(errorOf([] { qv::writeRequest("ip", "1"); }),
+              "there is no register to write called 'ip'; did you mean qv-ip-addr?");
+    EXPECT_EQ(errorOf([] { qv::readRequest("256"); }), "256 is out of range: 0 to 255");
+    EXPECT_EQ(errorOf([] { qv::readRequest("-1"); }), "-1 is out of range: 0 to 255");
+    EXPECT_EQ(errorOf([] { qv::callRequest("1000", Args{}); }), "1000 is out of range: 0 to 255");
     EXPECT_EQ(errorOf([] { qv::callRequest("bep", Args{}); }), "there is no method called 'bep'; did you mean beep?");
     EXPECT_EQ(errorOf([] { qv::writeRequest("qv-status", "x"); }),
               "qv-status: 'x' is no number (80, 0x50, 0o120 and 0b1010000 are)");

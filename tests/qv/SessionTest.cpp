@@ -86,7 +86,7 @@ TEST_F(SessionTest, TellsOfARefusal)
 {
     answers({frame(1, "00 00"), frame(2, "82")});
     EXPECT_EQ(mSession.runLine("call set-cfg-str '' x"), qv::eStatusRefused);
-    EXPECT_NE(mErr.str().find("call set-cfg-str: refused by the device (error bit set)"), std::string::npos);
+    EXPECT_NE(mErr.str().find("call set-cfg-str '' x: refused by the device (error bit set)"), std::string::npos);
 }
 
 TEST_F(SessionTest, TellsWhenNothingComes)
@@ -141,14 +141,17 @@ TEST_F(SessionTest, TellsWhatIsUnknownAfterAReset)
 TEST_F(SessionTest, SpeaksJson)
 {
     qv::Session session(mPeer, mOut, mErr, {.json = true});
-    answers({frame(1, "00 00"), frame(2, "00 FF"), frame(3, "01"), frame(4, "82")});
+    answers({frame(1, "00 00"), frame(2, "00 FF"), frame(3, "01"), frame(4, "02"), frame(5, "82")});
     EXPECT_EQ(session.runLine("read start-code"), qv::eStatusDone);
     EXPECT_EQ(session.runLine("write qv-text-1 'a\"b'"), qv::eStatusDone);
+    EXPECT_EQ(session.runLine("call set-cfg-str Key 'a b'"), qv::eStatusDone);
     EXPECT_EQ(session.runLine("call beep"), qv::eStatusRefused);
     EXPECT_EQ(session.runLine("call beep"), qv::eStatusNoAnswer);
     EXPECT_EQ(mOut.str(), R"({"request":"read start-code","name":"start-code","number":8,"value":-1})"
                           "\n"
                           R"({"request":"write qv-text-1 a\"b","name":"qv-text-1","number":3,"done":true})"
+                          "\n"
+                          R"({"request":"call set-cfg-str Key 'a b'","name":"set-cfg-str","number":1,"done":true})"
                           "\n"
                           R"({"request":"call beep","name":"beep","number":9,"error":"refused","mayBeDone":false})"
                           "\n"
