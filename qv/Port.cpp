@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/file.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -86,6 +87,9 @@ Port Port::open(const std::string& device, unsigned baud)
         throw LineError("cannot open " + device + ": " + errorText(errno));
     }
     Port port(fd, false);
+    if (flock(fd, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) { // TIOCEXCL does not keep root out
+        throw PortInUse("another program uses " + device);
+    }
     makeRaw(fd, device, rate->speed);
     return port;
 }

@@ -6,12 +6,20 @@
 
 namespace qv {
 
+/// Another program holds the port. Two that share one would take each other's replies.
+class PortInUse : public LineError
+{
+public:
+    using LineError::LineError;
+};
+
 /// A serial port, or any file descriptor that stands for one.
 class Port : public Line
 {
 public:
     /// Opens the device raw, 8N1, without flow control, and throws away what waited in it. A rate that isKnownRate
-    /// refuses, a device that cannot be opened or that is no terminal: LineError.
+    /// refuses, a device that cannot be opened or that is no terminal: LineError. A device that is open in another
+    /// Port, of this program or another: PortInUse. It is left as it is then.
     static Port open(const std::string& device, unsigned baud);
 
     /// Takes a descriptor over, for instance the master of a pty, and makes it non-blocking. It is used as it is: no

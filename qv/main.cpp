@@ -309,6 +309,9 @@ int main(int argc, char** argv)
     }
     try {
         return runOnLine(command, arguments);
+    } catch (const qv::PortInUse& error) {
+        std::cerr << "vorlan-qv: " << error.what() << " ('fuser -v' with its name shows which).\n";
+        return qv::eStatusNoAnswer;
     } catch (const qv::LineError& error) {
         std::cerr << "vorlan-qv: " << error.what() << '\n'
                   << "  Is it the right port (ls /dev/ttyUSB* /dev/ttyS*)? May you use it (group dialout)?\n";

@@ -63,6 +63,25 @@ TEST(Port, SetsTheRate)
     EXPECT_EQ(settings.c_lflag & static_cast<tcflag_t>(ICANON | ECHO | ISIG), 0U);
 }
 
+TEST(Port, IsRefusedToASecondOwner)
+{
+    tPty pty;
+    {
+        auto first = qv::Port::open(pty.device, 9600);
+        try {
+            qv::Port::open(pty.device, 115200);
+            ADD_FAILURE() << "two owners";
+        } catch (const qv::PortInUse& error) {
+            EXPECT_EQ(error.what(), "another program uses " + pty.device);
+        }
+        termios settings{};
+        ASSERT_EQ(tcgetattr(first.fd(), &settings), 0);
+        EXPECT_EQ(cfgetospeed(&settings), static_cast<speed_t>(B9600)) << "the first one's rate stays";
+    }
+    EXPECT_NO_THROW(qv::Port::open(pty.device, 115200)) << "free again";
+    ::close(pty.master);
+}
+
 TEST(Port, SaysWhyItCannotOpen)
 {
     const auto text = [](const std::string& device, unsigned baud) {
