@@ -1,5 +1,7 @@
 #include "qv/Explain.h"
 
+#include "qv/Values.h"
+
 namespace qv {
 
 namespace {
@@ -29,10 +31,10 @@ std::string whatToTry(const tRequest& request, const tResult& result, const tPee
     const auto& counts = result.last;
     const auto rate = options.baud != 0 ? std::to_string(options.baud) + " bit/s" : std::string("this rate");
     const bool isRead = (request.message[0] & wire::kCommandMask) == wire::eCmdReadReg;
-    if (isRead && !request.replyType && result.wasInStep) {
+    if (isRead && !request.replyType && result.wasInStep && counts.bytes == 0) {
         return "The daemon never answers the read of a register that it does not have; 'list' shows what there is.";
     }
-    if (result.wasInStep) {
+    if (result.wasInStep && counts.bytes == 0) {
         return "The daemon was in step just before. Is it stopped, or waiting for a slow service? Allow more time "
                "with\n"
                "  --timeout.";
@@ -43,10 +45,10 @@ std::string whatToTry(const tRequest& request, const tResult& result, const tPee
                "  crossed? Does the other end use " +
                rate + " too (--baud)?";
     }
-    if (counts.echoes != 0 && counts.echoes == counts.received) {
+    if (!result.wasInStep && counts.echoes != 0 && counts.echoes == counts.received) {
         return "Is there a loop-back plug or another terminal at the other end, instead of the daemon?";
     }
-    if (counts.received == 0 || counts.broken == counts.received) {
+    if (!result.wasInStep && (counts.received == 0 || counts.broken == counts.received)) {
         return "Most likely the rate is wrong: the other end does not use " + rate +
                " (--baud). Or somebody else writes to the line,\n  a login or the kernel for instance, or it is noisy.";
     }
@@ -54,22 +56,36 @@ std::string whatToTry(const tRequest& request, const tResult& result, const tPee
            "--tries.";
 }
 
+/// What ended the request before its time, or why there is no usable answer.
+std::string whatHappened(const tRequest& request, const tResult& result, const tPeerOptions& options)
+{
+    const auto& counts = result.last;
+    if (result.outcome == OutcomeE::eStopped) {
+        return "interrupted.";
+    }
+    if (result.outcome == OutcomeE::eLineGone) {
+        return result.fault + ".\n  Was the adapter unplugged, or the program at the other end ended?";
+    }
+    if (result.outcome == OutcomeE::eBadReply) {
+        return "the reply makes no sense: " + formatValue(*request.replyType, result.data) +
+               ".\n  Is the daemon of another version? See the frames with --trace.";
+    }
+    return "no answer: " + whatCame(counts) + " in " + std::to_string(counts.sent) +
+           (counts.sent == 1 ? " try" : " tries") + " of " + std::to_string(options.timeout.count()) + " ms.\n  " +
+           whatToTry(request, result, options);
+}
+
 } // namespace
 
 std::string explainNoAnswer(const tRequest& request, const tResult& result, const tPeerOptions& options)
 {
-    const auto& counts = result.last;
-    std::string text;
     if (result.outcome == OutcomeE::eUnknown) {
-        text =
-            "the daemon asked for a new start while this was under way: it was started anew, or the line is bad.\n"
-            "  Whether the request was carried out is UNKNOWN. It was not sent again, so that nothing happens twice.\n"
-            "  Look at the device; if it was not carried out, give it again.";
-        return text;
+        return "the daemon asked for a new start while this was under way: it was started anew, or the line is bad.\n"
+               "  Whether the request was carried out is UNKNOWN. It was not sent again, so that nothing happens "
+               "twice.\n"
+               "  Look at the device; if it was not carried out, give it again.";
     }
-    text = "no answer: " + whatCame(counts) + " in " + std::to_string(counts.sent) +
-           (counts.sent == 1 ? " try" : " tries") + " of " + std::to_string(options.timeout.count()) + " ms.\n  " +
-           whatToTry(request, result, options);
+    auto text = whatHappened(request, result, options);
     if (result.mayBeDone) {
         text += "\n  The request may have been carried out all the same: look at the device before you give it again.";
     }

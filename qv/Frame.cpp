@@ -100,6 +100,14 @@ void FrameCutter::feed(ByteView bytes)
     }
 }
 
+Bytes FrameCutter::dropPending()
+{
+    const auto begin = mBytes.begin() + static_cast<std::ptrdiff_t>(mEnd);
+    Bytes pending(begin, mBytes.end());
+    mBytes.erase(begin, mBytes.end());
+    return pending;
+}
+
 std::optional<Bytes> FrameCutter::next()
 {
     while (mEnd != 0) {

@@ -62,8 +62,8 @@ public:
     std::optional<Bytes> next();
     /// Bytes of a frame that is not complete yet.
     std::size_t pending() const { return mBytes.size() - mEnd; }
-    /// Forgets the incomplete frame.
-    void dropPending() { mBytes.resize(mEnd); }
+    /// Forgets the incomplete frame; gives its bytes.
+    Bytes dropPending();
 
 private:
     Bytes mBytes;

@@ -15,6 +15,7 @@ constexpr std::size_t kReplyGuess = 64; ///< bytes of a reply whose length is no
 constexpr std::size_t kReplyMax = 4096; ///< bytes for which the end of a frame is waited for
 constexpr std::size_t kSettleBytes = 7; ///< the daemon reads this much later than the first byte comes
 constexpr auto kByteGap = 20ms;         ///< a frame that stops for longer is not going on
+constexpr auto kStopStep = 20ms;        ///< how soon a stop is noticed
 constexpr std::uint8_t kSyncMessage[] = {wire::eCmdReadReg, wire::eRegRdConst0};
 constexpr std::uint8_t kSyncReply[] = {wire::eCmdReadReg, 0};
 
@@ -49,52 +50,59 @@ tResult Peer::request(ByteView message, bool safeToRepeat)
         throw std::invalid_argument("a request has at least two bytes");
     }
     const auto before = mCounts;
-    auto result = requestInStep(message, safeToRepeat);
-    result.mayBeDone = result.mayBeDone && !isRead(message);
+    mBeforeExchange = mCounts;
+    mMayBeDone = false;
+    tResult result;
+    try {
+        requestInStep(message, safeToRepeat, result);
+    } catch (const LineError& error) {
+        mInStep = false;
+        result.outcome = OutcomeE::eLineGone;
+        result.fault = error.what();
+    }
+    result.mayBeDone = mMayBeDone && !isRead(message);
     result.counts = mCounts - before;
     result.last = mCounts - mBeforeExchange;
     return result;
 }
 
-tResult Peer::requestInStep(ByteView message, bool safeToRepeat)
+void Peer::requestInStep(ByteView message, bool safeToRepeat, tResult& result)
 {
-    tResult result;
     for (unsigned round = 0; round < mOptions.tries; ++round) {
         readLeftovers();
         if (!mInStep && !sync()) {
-            return result;
+            result.outcome = stopped() ? OutcomeE::eStopped : OutcomeE::eNoAnswer;
+            return;
         }
         result.wasInStep = true;
+        const bool mightBeDone = mMayBeDone;
         const auto last = exchange(mNumber, message);
         if (last.end == EndE::eReply) {
             mNumber = last.frame.number();
             const bool refused = (last.frame.payload[0] & wire::kErrorBit) != 0;
             result.outcome = refused ? OutcomeE::eRefused : OutcomeE::eDone;
-            result.mayBeDone = false;
+            mMayBeDone = false;
             result.data.assign(last.frame.payload.begin() + 1, last.frame.payload.end());
             result.roundTrip = last.roundTrip;
             if (refused && last.sends > 1) {
                 continue;
             }
-            return result;
+            return;
         }
-        mInStep = false;
-        result.outcome = OutcomeE::eNoAnswer;
-        if (last.end == EndE::eNothing) {
-            result.mayBeDone = true;
-            return result;
+        mInStep = mInStep && last.sends == 0;
+        result.outcome = last.end == EndE::eStopped ? OutcomeE::eStopped : OutcomeE::eNoAnswer;
+        if (last.end != EndE::eReset) {
+            return;
         }
         const bool notDone = provesNotDone(last);
         mNumber = last.frame.number();
         if (!notDone && !safeToRepeat) {
             sync();
             result.outcome = OutcomeE::eUnknown;
-            result.mayBeDone = true;
-            return result;
+            return;
         }
-        result.mayBeDone = result.mayBeDone || !notDone;
+        mMayBeDone = mightBeDone || !notDone;
     }
-    return result;
 }
 
 /// A fresh daemon numbers its reset frames from 1, so a reset that it could have sent in answer to our repeats proves
@@ -128,6 +136,10 @@ Peer::tExchange Peer::exchange(std::uint8_t header, ByteView message)
     mBeforeExchange = mCounts;
     tExchange result;
     while (result.sends < mOptions.tries) {
+        if (stopped()) {
+            result.end = EndE::eStopped;
+            break;
+        }
         mSends = ++result.sends;
         const auto kind = syncing ? TraceE::eSync : mSends > 1 ? TraceE::eRepeat : TraceE::eRequest;
         ++mCounts.sent;
@@ -135,6 +147,7 @@ Peer::tExchange Peer::exchange(std::uint8_t header, ByteView message)
         trace(kind, true, wire, parsed, mSends);
         const auto start = Clock::now();
         mLine.write(wire);
+        mMayBeDone = mMayBeDone || !syncing;
         const auto deadline = start + mOptions.timeout + lineTime(wire.size() + kSettleBytes + kReplyGuess);
         if (const auto end = awaitAnswer(header, message, deadline, result)) {
             result.end = *end;
@@ -169,6 +182,9 @@ std::optional<Peer::EndE> Peer::awaitAnswer(std::uint8_t header, ByteView messag
         if (kind != TraceE::eEcho) {
             deadline = std::min<Clock::time_point>(deadline, Clock::now() + grace());
         }
+    }
+    if (stopped()) {
+        return EndE::eStopped;
     }
     ++mCounts.timeouts;
     trace(TraceE::eTimeout, false, {}, {}, mSends);
@@ -207,9 +223,11 @@ std::optional<Peer::tReceived> Peer::receive(Clock::time_point deadline)
             wire->push_back(kDelimiter);
             return tReceived{std::move(*wire), std::move(frame)};
         }
-        const auto bytes = mLine.read(deadline);
+        const auto bytes = readLine(deadline);
         if (bytes.empty()) {
-            mCutter.dropPending();
+            if (mCutter.pending() != 0 && !stopped()) {
+                trace(TraceE::eNoFrame, false, mCutter.dropPending(), {}, mSends);
+            }
             return std::nullopt;
         }
         mCounts.bytes += static_cast<unsigned>(bytes.size());
@@ -217,6 +235,17 @@ std::optional<Peer::tReceived> Peer::receive(Clock::time_point deadline)
         if (mCutter.pending() != 0) { // a frame is coming in: its end may come after the deadline
             const auto more = Clock::now() + kByteGap + lineTime(kReplyGuess);
             deadline = std::min(std::max<Clock::time_point>(deadline, more), lastMoment);
+        }
+    }
+}
+
+Bytes Peer::readLine(Clock::time_point deadline)
+{
+    for (;;) {
+        const auto step = mStop == nullptr ? deadline : std::min<Clock::time_point>(deadline, Clock::now() + kStopStep);
+        auto bytes = stopped() ? Bytes() : mLine.read(step);
+        if (!bytes.empty() || step == deadline || stopped()) {
+            return bytes;
         }
     }
 }

@@ -3,6 +3,7 @@
 #include "qv/Frame.h"
 #include "qv/Line.h"
 
+#include <atomic>
 #include <functional>
 
 namespace qv {
@@ -13,6 +14,9 @@ enum class OutcomeE : std::uint8_t
     eRefused,  ///< answered with the error bit: nothing was carried out
     eNoAnswer, ///< nothing usable came back
     eUnknown,  ///< the daemon asked for a new start meanwhile: carried out or not, nobody can say
+    eStopped,  ///< given up at the caller's wish, see setStop()
+    eLineGone, ///< the line failed meanwhile, as `fault` says
+    eBadReply, ///< answered, but not with a value of the register; never from a Peer, which knows no registers
 };
 
 /// Counted since the peer exists, or during one request.
@@ -38,6 +42,7 @@ struct tResult
     Bytes data; ///< what followed the status byte of the reply
     /// Without an answer: the request may have been carried out all the same (always false for register reads).
     bool mayBeDone = false;
+    std::string fault; ///< what became of the line
     /// We were in step when the request was sent: the line and the daemon worked until then.
     bool wasInStep = false;
     std::chrono::nanoseconds roundTrip{0}; ///< from the last sending to the reply
@@ -59,6 +64,7 @@ enum class TraceE : std::uint8_t
     eStale,   ///< an earlier reply
     eEcho,    ///< what we sent, received
     eBroken,  ///< not a valid frame
+    eNoFrame, ///< bytes whose delimiter did not come in time; only they are known
     eTimeout, ///< nothing (more) came; no frame
 };
 
@@ -100,7 +106,7 @@ struct tPeerOptions
 /// request of fixed length. A refusal after a repeat is therefore not believed: the request, which had no effect, is
 /// made again with the next number.
 ///
-/// Throws LineError when the line is gone. Used by one thread.
+/// When the line is gone, a request ends as eLineGone; everything else throws LineError. Used by one thread.
 class Peer
 {
 public:
@@ -129,6 +135,9 @@ public:
     const tPeerCounts& counts() const { return mCounts; }
     const tPeerOptions& options() const { return mOptions; }
     void setTimeout(std::chrono::milliseconds timeout) { mOptions.timeout = timeout; }
+    /// While the flag is set, requests end at once as eStopped, the one under way too, and nothing is sent; null: they
+    /// never do. The flag may be set by a signal handler.
+    void setStop(const std::atomic<bool>* stop) { mStop = stop; }
     /// Called on each frame sent and received, and when a wait ended without one.
     void setTrace(TraceFn trace) { mTrace = std::move(trace); }
 
@@ -143,7 +152,8 @@ private:
     {
         eReply,
         eReset,
-        eNothing
+        eNothing,
+        eStopped
     };
     struct tExchange
     {
@@ -158,14 +168,17 @@ private:
         tParsedFrame frame;
     };
 
-    tResult requestInStep(ByteView message, bool safeToRepeat);
-    /// Sends until the reply comes, the daemon resets (not when syncing) or the tries are used up.
+    void requestInStep(ByteView message, bool safeToRepeat, tResult& result);
+    /// Sends until the reply comes, the daemon resets (not when syncing), the tries are used up or a stop is wished.
     tExchange exchange(std::uint8_t header, ByteView message);
     /// Waits for the end of one sending; nothing when it has to be repeated.
     std::optional<EndE> awaitAnswer(std::uint8_t header, ByteView message, Clock::time_point deadline,
                                     tExchange& result);
     TraceE classify(const tParsedFrame& frame, std::uint8_t header, ByteView message) const;
     std::optional<tReceived> receive(Clock::time_point deadline);
+    /// What arrives until the deadline; nothing, and soon, when a stop is wished.
+    Bytes readLine(Clock::time_point deadline);
+    bool stopped() const { return mStop != nullptr && *mStop; }
     /// Looks at what came while no request was under way; a reset frame among it puts us out of step.
     void readLeftovers();
     bool provesNotDone(const tExchange& last) const;
@@ -177,12 +190,14 @@ private:
     Line& mLine;
     tPeerOptions mOptions;
     TraceFn mTrace;
+    const std::atomic<bool>* mStop = nullptr;
     FrameCutter mCutter;
     tPeerCounts mCounts;
     bool mInStep = false;
     std::uint8_t mNumber;
     tPeerCounts mBeforeExchange;
     unsigned mSends = 0;                    ///< of the exchange under way
+    bool mMayBeDone = false;                ///< the request was sent, and nothing proves yet what became of it
     std::chrono::nanoseconds mRoundTrip{0}; ///< smoothed; 0: none yet
 };
 

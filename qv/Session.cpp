@@ -55,8 +55,31 @@ std::string jsonHead(const tRequest& request)
            std::to_string(request.number);
 }
 
+/// For programs.
+const char* errorName(OutcomeE outcome)
+{
+    switch (outcome) {
+    case OutcomeE::eDone:
+        return "";
+    case OutcomeE::eRefused:
+        return "refused";
+    case OutcomeE::eNoAnswer:
+        return "no answer";
+    case OutcomeE::eUnknown:
+        return "unknown";
+    case OutcomeE::eStopped:
+        return "interrupted";
+    case OutcomeE::eLineGone:
+        return "line gone";
+    case OutcomeE::eBadReply:
+        return "bad reply";
+    }
+    return "";
+}
+
 /// Takes "--name N" out of the words.
-std::int64_t takeOption(std::vector<std::string>& words, const char* name, std::int64_t otherwise, std::int64_t max)
+std::int64_t takeOption(std::vector<std::string>& words, const char* name, std::int64_t otherwise, std::int64_t min,
+                        std::int64_t max)
 {
     const auto word = std::ranges::find(words, name);
     if (word == words.end()) {
@@ -65,7 +88,7 @@ std::int64_t takeOption(std::vector<std::string>& words, const char* name, std::
     if (word + 1 == words.end()) {
         throw RequestError(std::string(name) + " needs a number");
     }
-    const auto value = parseNumber(*(word + 1), 0, max);
+    const auto value = parseNumber(*(word + 1), min, max);
     words.erase(word, word + 2);
     return value;
 }
@@ -89,7 +112,14 @@ Session::Session(Peer& peer, std::ostream& out, std::ostream& err, const tSessio
     , mOut(out)
     , mErr(err)
     , mOptions(options)
-{}
+{
+    mPeer.setStop(&mStop);
+}
+
+Session::~Session()
+{
+    mPeer.setStop(nullptr);
+}
 
 void Session::setTrace(bool on)
 {
@@ -99,13 +129,9 @@ void Session::setTrace(bool on)
 int Session::report(const tRequest& request, const tResult& result)
 {
     const bool refused = result.outcome == OutcomeE::eRefused;
-    const bool unknown = result.outcome == OutcomeE::eUnknown;
     if (mOptions.json) {
-        mOut << jsonHead(request) << R"(,"error":")"
-             << (refused   ? "refused"
-                 : unknown ? "unknown"
-                           : "no answer")
-             << R"(","mayBeDone":)" << (result.mayBeDone ? "true" : "false") << "}\n";
+        mOut << jsonHead(request) << R"(,"error":")" << errorName(result.outcome) << R"(","mayBeDone":)"
+             << (result.mayBeDone ? "true" : "false") << "}\n";
         mOut.flush();
     }
     if (refused) {
@@ -117,6 +143,15 @@ int Session::report(const tRequest& request, const tResult& result)
     }
     mErr.flush();
     return refused ? eStatusRefused : eStatusNoAnswer;
+}
+
+tResult Session::ask(const tRequest& request)
+{
+    auto result = mPeer.request(request.message, request.safeToRepeat);
+    if (result.done() && request.replyType && !isValue(*request.replyType, result.data)) {
+        result.outcome = OutcomeE::eBadReply;
+    }
+    return result;
 }
 
 void Session::showReading(const tRequest& request, ByteView data, std::size_t width)
@@ -141,7 +176,7 @@ int Session::read(std::span<const std::string> names)
         width = std::max(width, requests.back().name.size());
     }
     for (const auto& request : requests) {
-        const auto result = mPeer.request(request.message, request.safeToRepeat);
+        const auto result = ask(request);
         if (!result.done()) {
             return report(request, result);
         }
@@ -152,7 +187,7 @@ int Session::read(std::span<const std::string> names)
 
 int Session::finish(const tRequest& request)
 {
-    const auto result = mPeer.request(request.message, request.safeToRepeat);
+    const auto result = ask(request);
     if (!result.done()) {
         return report(request, result);
     }
@@ -198,7 +233,10 @@ int Session::boot(const std::string& fileName)
             mOut.flush();
         }
         status = runLine(line);
-        if (status != eStatusDone) {
+        if (mStop) { // a watch or ping has ended well, but the rest is not done
+            status = eStatusNoAnswer;
+            mErr << fileName << ":" << number << ": interrupted\n";
+        } else if (status != eStatusDone) {
             mErr << fileName << ":" << number << ": stopped here\n";
         }
     }
@@ -218,10 +256,16 @@ int Session::watch(const std::string& name, std::chrono::milliseconds every, uns
     const auto request = readRequest(name);
     int status = eStatusDone;
     std::optional<std::string> shown;
-    mStop = false;
-    for (unsigned i = 0; !mStop && (count == 0 || i < count); ++i) {
+    for (unsigned i = 0; mOut && (count == 0 || i < count); ++i) {
         const auto next = Clock::now() + every;
-        const auto result = mPeer.request(request.message, request.safeToRepeat);
+        const auto result = ask(request);
+        const bool stopped = result.outcome == OutcomeE::eStopped;
+        if (result.outcome == OutcomeE::eLineGone || (stopped && !shown)) {
+            return report(request, result);
+        }
+        if (stopped) {
+            break;
+        }
         const auto text = result.done() ? valueText(request, result.data) : std::string("(no answer)");
         if (text != shown) {
             shown = text;
@@ -246,18 +290,18 @@ int Session::ping(unsigned count)
 {
     const auto request = readRequest("const-0");
     tPingReport pings;
-    mStop = false;
-    if (!mPeer.inStep()) { // the first round trip is to be like the others
-        mPeer.sync();
-    }
-    while (!mStop && pings.sent < count) {
-        const auto result = mPeer.request(request.message, request.safeToRepeat);
+    while (pings.sent < count) {
+        const auto result = ask(request);
+        if (result.outcome == OutcomeE::eLineGone || (!result.done() && pings.times.empty())) {
+            return report(request, result);
+        }
+        if (result.outcome == OutcomeE::eStopped) {
+            break;
+        }
         ++pings.sent;
         pings.repeats += result.counts.repeats;
         if (result.done()) {
             pings.times.push_back(result.roundTrip);
-        } else if (pings.times.empty()) {
-            return report(request, result);
         }
     }
     if (mOptions.json) {
@@ -296,15 +340,15 @@ int Session::bootWords(Words& words)
 
 int Session::watchWords(Words& words)
 {
-    const auto every = takeOption(words, "--every", kWatchEvery.count(), std::numeric_limits<int>::max());
-    const auto count = takeOption(words, "--count", 0, std::numeric_limits<unsigned>::max());
+    const auto every = takeOption(words, "--every", kWatchEvery.count(), 0, std::numeric_limits<int>::max());
+    const auto count = takeOption(words, "--count", 0, 0, std::numeric_limits<unsigned>::max());
     needWords(words, 1, 1);
     return watch(words[0], std::chrono::milliseconds(every), static_cast<unsigned>(count));
 }
 
 int Session::pingWords(Words& words)
 {
-    const auto count = takeOption(words, "--count", kPingCount, std::numeric_limits<unsigned>::max());
+    const auto count = takeOption(words, "--count", kPingCount, 1, std::numeric_limits<unsigned>::max());
     needWords(words, 0, 0);
     return ping(static_cast<unsigned>(count));
 }

@@ -43,6 +43,9 @@ class Session
 {
 public:
     Session(Peer& peer, std::ostream& out, std::ostream& err, const tSessionOptions& options = {});
+    Session(const Session&) = delete;
+    Session& operator=(const Session&) = delete;
+    ~Session();
 
     int read(std::span<const std::string> names);
     int write(const std::string& name, const std::string& value);
@@ -60,8 +63,11 @@ public:
     /// Splits a line into words (see splitWords) and runs it. An empty line is done.
     int runLine(const std::string& line);
 
-    /// Ends a watch or ping. May be called from a signal handler.
+    /// Ends what is under way, and everything from now on until forgetStop(): a watch or ping as if it were done, all
+    /// else as a failure. May be called from a signal handler.
     void stop() { mStop = true; }
+    bool stopped() const { return mStop; }
+    void forgetStop() { mStop = false; }
     /// Frames on `err` from now on, or no longer.
     void setTrace(bool on);
 
@@ -82,6 +88,8 @@ private:
     int listWords(Words& words);
     int traceWords(Words& words);
 
+    /// As Peer::request; a reply that is no value of the register read is no success.
+    tResult ask(const tRequest& request);
     int finish(const tRequest& request);
     void showReading(const tRequest& request, ByteView data, std::size_t width);
     /// Tells of a request that did not succeed; gives its status.

@@ -300,9 +300,9 @@ int runShell(Session& session, const tShellOptions& options)
         return done.has_value();
     };
     if (isatty(STDIN_FILENO) == 0) {
-        for (std::string line; std::getline(std::cin, line) && run(line);) {
+        for (std::string line; !session.stopped() && std::getline(std::cin, line) && run(line);) {
         }
-        return status;
+        return session.stopped() ? eStatusNoAnswer : status;
     }
     LineInput input([&](const std::string& before,
                         const std::string& word) { return completions(wordsBefore(before), word, options.extra); },
@@ -313,6 +313,7 @@ int runShell(Session& session, const tShellOptions& options)
             session.out() << '\n';
             return status;
         }
+        session.forgetStop(); // the Ctrl-C that cleared a line
         if (!run(*line)) {
             return status;
         }

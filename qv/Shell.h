@@ -23,8 +23,8 @@ struct tShellOptions
 };
 
 /// Reads commands from standard input until its end, "quit" or "exit". On a terminal with a prompt, editing, history
-/// and completion (where readline was there at build time); otherwise silently, for scripts. Ctrl-C ends a watch or
-/// ping, or clears the line. Gives the status of the last command.
+/// and completion (where readline was there at build time); otherwise silently, for scripts. Ctrl-C ends the command
+/// that runs, or clears the line; a script ends with eStatusNoAnswer. Otherwise gives the status of the last command.
 int runShell(Session& session, const tShellOptions& options = {});
 
 /// What may stand for `word` after the words before it on the line, sorted as in the tables.
@@ -34,7 +34,7 @@ std::vector<std::string> completions(std::span<const std::string> before, const 
 /// Where the history is kept by default; empty without a home folder.
 std::string defaultHistoryFile();
 
-/// While it lives, SIGINT stops the session's watch or ping. There is at most one.
+/// While it lives, SIGINT stops what the session does. There is at most one.
 class StopOnSignal
 {
 public:

@@ -36,6 +36,8 @@ const char* kindText(TraceE kind)
         return "ECHO of what was sent";
     case TraceE::eBroken:
         return "BROKEN frame";
+    case TraceE::eNoFrame:
+        return "bytes without the end of a frame";
     case TraceE::eTimeout:
         return "nothing (more)";
     }
@@ -59,6 +61,16 @@ const char* commandText(std::uint8_t command)
 std::string shortened(ByteView bytes)
 {
     return bytes.size() <= kBytesShown ? hexText(bytes) : hexText(bytes.first(kBytesShown)) + " ...";
+}
+
+/// What a person may know again: a login, a boot loader, the kernel.
+std::string printable(ByteView bytes)
+{
+    std::string text;
+    for (const auto byte : bytes.first(std::min(bytes.size(), kBytesShown))) {
+        text += byte >= 0x20 && byte < 0x7F ? static_cast<char>(byte) : '.';
+    }
+    return text;
 }
 
 std::string faultText(const tParsedFrame& frame)
@@ -151,6 +163,12 @@ void FrameTrace::operator()(const tTraceEvent& event)
     mOut << text << kindText(event.kind);
     if (event.kind == TraceE::eRepeat) {
         mOut << " (sending " << event.attempt << ")";
+    }
+    if (event.kind == TraceE::eNoFrame) {
+        mOut << " (" << event.wire.size() << "): " << shortened(event.wire) << "  \"" << printable(event.wire)
+             << "\"\n";
+        mOut.flush();
+        return;
     }
     if (!event.wire.empty()) {
         mOut << ": " << shortened(event.wire);

@@ -299,21 +299,6 @@ std::string escaped(std::string_view text)
     return out;
 }
 
-bool fits(ValueE type, ByteView bytes)
-{
-    const auto size = typeOf(type).size;
-    switch (type) {
-    case ValueE::eText:
-        return !bytes.empty() && bytes.back() == 0;
-    case ValueE::eHundredthsList:
-        return bytes.size() % 2 == 0;
-    case ValueE::eByteList:
-        return !bytes.empty();
-    default:
-        return bytes.size() == size;
-    }
-}
-
 std::string_view textIn(ByteView bytes)
 {
     static_assert(sizeof(char) == sizeof(std::uint8_t));
@@ -370,7 +355,8 @@ std::int64_t parseNumber(std::string_view text, std::int64_t min, std::int64_t m
     if (text.empty() || end != text.data() + text.size() || error == std::errc::invalid_argument) {
         throw ValueError("'" + std::string(whole) + "' is no number (80, 0x50, 0o120 and 0b1010000 are)");
     }
-    if (error != std::errc() || (negative && min >= 0 && magnitude != 0) || magnitude > limit) {
+    const bool tooLow = min > 0 && (negative || magnitude < static_cast<std::uint64_t>(min));
+    if (error != std::errc() || (negative && min >= 0 && magnitude != 0) || magnitude > limit || tooLow) {
         throw ValueError(std::string(whole) + " is out of range: " + std::to_string(min) + " to " +
                          std::to_string(max));
     }
@@ -403,9 +389,24 @@ Bytes parseValue(ValueE type, std::string_view text)
     }
 }
 
+bool isValue(ValueE type, ByteView bytes)
+{
+    const auto size = typeOf(type).size;
+    switch (type) {
+    case ValueE::eText:
+        return !bytes.empty() && bytes.back() == 0;
+    case ValueE::eHundredthsList:
+        return bytes.size() % 2 == 0;
+    case ValueE::eByteList:
+        return !bytes.empty();
+    default:
+        return bytes.size() == size;
+    }
+}
+
 std::string formatValue(ValueE type, ByteView bytes)
 {
-    if (!fits(type, bytes)) {
+    if (!isValue(type, bytes)) {
         return (bytes.empty() ? "nothing" : hexText(bytes)) + " (not a " + typeName(type) + ")";
     }
     switch (type) {
@@ -428,7 +429,7 @@ std::string formatValue(ValueE type, ByteView bytes)
 
 std::string jsonValue(ValueE type, ByteView bytes)
 {
-    if (!fits(type, bytes)) {
+    if (!isValue(type, bytes)) {
         return jsonString(formatValue(type, bytes));
     }
     switch (type) {

@@ -36,6 +36,9 @@ std::string jsonString(std::string_view text);
 /// The integer in any base. Throws ValueError when it is none or out of range.
 std::int64_t parseNumber(std::string_view text, std::int64_t min, std::int64_t max);
 
+/// Whether the bytes are such a value.
+bool isValue(wire::ValueE type, ByteView bytes);
+
 /// How many bytes of `bytes` the value takes, at its front; all of them for lists. Nothing fits: more than there are.
 std::size_t valueSize(wire::ValueE type, ByteView bytes);
 

@@ -6,6 +6,8 @@
 #include "qv/Values.h"
 
 #include <CLI/CLI.hpp>
+#include <fcntl.h>
+#include <unistd.h>
 
 #include <iostream>
 #include <limits>
@@ -275,9 +277,18 @@ int runOnLine(const CLI::App& command, const tArguments& arguments)
     return session.run(commandWords(command, arguments));
 }
 
-} // namespace
+/// A standard stream that the caller closed stays unusable. Otherwise the port would get its number, and what is meant
+/// for the stream would go over the line.
+void occupyStandardStreams()
+{
+    for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        if (fcntl(stream, F_GETFD) < 0) {
+            open("/dev/null", stream == STDIN_FILENO ? O_WRONLY : O_RDONLY);
+        }
+    }
+}
 
-int main(int argc, char** argv)
+int run(int argc, char** argv)
 {
     tArguments arguments;
     CLI::App app("QV's side of the line to a vorlan display: read and write its registers, call its methods.",
@@ -317,4 +328,17 @@ int main(int argc, char** argv)
                   << "  Is it the right port (ls /dev/ttyUSB* /dev/ttyS*)? May you use it (group dialout)?\n";
         return qv::eStatusNoAnswer;
     }
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    occupyStandardStreams();
+    const int status = run(argc, argv);
+    if (!std::cout.flush()) {
+        std::cerr << "vorlan-qv: the results could not be written\n";
+        return status == qv::eStatusDone ? qv::eStatusNoAnswer : status;
+    }
+    return status;
 }

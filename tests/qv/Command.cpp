@@ -5,10 +5,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <array>
-#include <chrono>
 #include <csignal>
 #include <stdexcept>
+#include <utility>
 
 namespace {
 
@@ -40,22 +39,12 @@ struct tPipe
     std::array<int, 2> ends{-1, -1};
 };
 
-/// False at the end of the stream.
-bool take(int fd, std::string& text)
-{
-    std::array<char, 4096> bytes{};
-    const auto count = read(fd, bytes.data(), bytes.size());
-    if (count > 0) {
-        text.append(bytes.data(), static_cast<std::size_t>(count));
-    }
-    return count > 0;
-}
-
 } // namespace
 
 const char* const kVorlanQv = VORLAN_QV_EXECUTABLE;
 
-tRun runProgram(const std::vector<std::string>& arguments, const std::string& input)
+Program::Program(const std::vector<std::string>& arguments, const std::string& input)
+    : mDeadline(Clock::now() + kDeadline)
 {
     tPipe in;
     tPipe out;
@@ -66,8 +55,8 @@ tRun runProgram(const std::vector<std::string>& arguments, const std::string& in
         argv.push_back(const_cast<char*>(argument.c_str()));
     }
     argv.push_back(nullptr);
-    const auto pid = fork();
-    if (pid == 0) {
+    mPid = fork();
+    if (mPid == 0) {
         dup2(in.ends[0], STDIN_FILENO);
         dup2(out.ends[1], STDOUT_FILENO);
         dup2(err.ends[1], STDERR_FILENO);
@@ -75,32 +64,79 @@ tRun runProgram(const std::vector<std::string>& arguments, const std::string& in
         _exit(127);
     }
     in.closeEnd(0);
-    out.closeEnd(1);
-    err.closeEnd(1);
     if (write(in.ends[1], input.data(), input.size()) != static_cast<ssize_t>(input.size())) {
         throw std::runtime_error("input was not taken");
     }
-    in.closeEnd(1);
+    mStreams = {std::exchange(out.ends[0], -1), std::exchange(err.ends[0], -1)};
+}
 
-    tRun run;
-    const auto deadline = Clock::now() + kDeadline;
-    std::array<pollfd, 2> wait{{{out.ends[0], POLLIN, 0}, {err.ends[0], POLLIN, 0}}};
-    while (wait[0].fd >= 0 || wait[1].fd >= 0) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
-        if (left <= 0 || poll(wait.data(), wait.size(), static_cast<int>(left)) <= 0) {
-            kill(pid, SIGKILL);
-            break;
-        }
-        for (auto& entry : wait) {
-            if (entry.revents != 0 && !take(entry.fd, entry.fd == out.ends[0] ? run.out : run.err)) {
-                entry.fd = -1;
-            }
+Program::~Program()
+{
+    if (mPid > 0) {
+        kill(mPid, SIGKILL);
+        waitpid(mPid, nullptr, 0);
+    }
+    for (const int fd : mStreams) {
+        if (fd >= 0) {
+            close(fd);
         }
     }
+}
+
+void Program::signal(int number) const
+{
+    kill(mPid, number);
+}
+
+bool Program::take()
+{
+    std::array<pollfd, 2> wait{{{mStreams[0], POLLIN, 0}, {mStreams[1], POLLIN, 0}}};
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(mDeadline - Clock::now()).count();
+    if ((mStreams[0] < 0 && mStreams[1] < 0) || left <= 0 ||
+        poll(wait.data(), wait.size(), static_cast<int>(left)) <= 0) {
+        return false;
+    }
+    for (std::size_t i = 0; i < wait.size(); ++i) {
+        if (wait[i].revents == 0) {
+            continue;
+        }
+        std::array<char, 4096> bytes{};
+        const auto count = read(mStreams[i], bytes.data(), bytes.size());
+        if (count > 0) {
+            (i == 0 ? mRun.out : mRun.err).append(bytes.data(), static_cast<std::size_t>(count));
+        } else {
+            close(std::exchange(mStreams[i], -1));
+        }
+    }
+    return true;
+}
+
+bool Program::writes(const std::string& text)
+{
+    while (mRun.out.find(text) == std::string::npos && mRun.err.find(text) == std::string::npos) {
+        if (!take()) {
+            return false;
+        }
+    }
+    return true;
+}
+
+tRun Program::end()
+{
+    while (take()) {
+    }
+    if (mStreams[0] >= 0 || mStreams[1] >= 0) {
+        kill(mPid, SIGKILL);
+    }
     int status = 0;
-    waitpid(pid, &status, 0);
-    run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    return run;
+    waitpid(std::exchange(mPid, -1), &status, 0);
+    mRun.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return mRun;
+}
+
+tRun runProgram(const std::vector<std::string>& argv, const std::string& input)
+{
+    return Program(argv, input).end();
 }
 
 tRun runCommand(const std::vector<std::string>& arguments, const std::string& input)

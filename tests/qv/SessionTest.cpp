@@ -26,9 +26,16 @@ public:
             mAnswers.pop_front();
         }
     }
-    qv::Bytes read(qv::Clock::time_point) override { return std::exchange(mIncoming, {}); }
+    qv::Bytes read(qv::Clock::time_point) override
+    {
+        if (mHangsUp && mAnswers.empty() && mIncoming.empty()) {
+            throw qv::LineError("the line hung up");
+        }
+        return std::exchange(mIncoming, {});
+    }
 
     std::deque<qv::Bytes> mAnswers;
+    bool mHangsUp = false; ///< after the answers
 
 private:
     qv::Bytes mIncoming;
@@ -122,6 +129,69 @@ TEST_F(SessionTest, TellsOfBrokenFrames)
     EXPECT_NE(mErr.str().find("Most likely the rate is wrong"), std::string::npos);
 }
 
+TEST_F(SessionTest, OnceInStepResetFramesAreNotTakenForSilence)
+{
+    qv::Peer peer(mLine, {.timeout = 7ms, .tries = 1});
+    qv::Session session(peer, mOut, mErr);
+    answers({frame(1, "00 00"), frame(0x15, "00"), frame(6, "00 00")});
+    EXPECT_EQ(session.runLine("read brightness-raw"), qv::eStatusNoAnswer);
+    EXPECT_NE(mErr.str().find("the daemon answered with reset frames"), std::string::npos) << mErr.str();
+    EXPECT_NE(mErr.str().find("The line works but is bad"), std::string::npos) << mErr.str();
+    EXPECT_EQ(mErr.str().find("Is it stopped"), std::string::npos) << mErr.str();
+}
+
+TEST_F(SessionTest, OnceInStepTheRateIsNotBlamedForBrokenFrames)
+{
+    answers({frame(1, "00 00"), hex("55 66 77 00"), hex("55 66 77 00"), hex("55 66 77 00")});
+    EXPECT_EQ(mSession.runLine("read 10"), qv::eStatusNoAnswer);
+    EXPECT_NE(mErr.str().find("only broken frames came back"), std::string::npos) << mErr.str();
+    EXPECT_NE(mErr.str().find("The line works but is bad"), std::string::npos) << mErr.str();
+    EXPECT_EQ(mErr.str().find("register that it does not have"), std::string::npos) << mErr.str();
+}
+
+TEST_F(SessionTest, TellsOfALineThatHangsUpLikeOfAnyOtherFailure)
+{
+    qv::Session session(mPeer, mOut, mErr, {.json = true});
+    mLine.mHangsUp = true;
+    answers({frame(1, "00 00"), {}});
+    EXPECT_EQ(session.runLine("call beep"), qv::eStatusNoAnswer);
+    EXPECT_EQ(mErr.str().find("call beep: the line hung up.\n  Was the adapter unplugged"), 0U) << mErr.str();
+    EXPECT_NE(mErr.str().find("may have been carried out"), std::string::npos) << mErr.str();
+    EXPECT_EQ(mOut.str(), R"({"request":"call beep","name":"beep","number":9,"error":"line gone","mayBeDone":true})"
+                          "\n");
+    EXPECT_EQ(session.runLine("call beep"), qv::eStatusNoAnswer);
+    EXPECT_NE(mOut.str().find(R"("mayBeDone":false)"), std::string::npos) << "the second one was never sent";
+    EXPECT_EQ(session.runLine("watch brightness-raw --every 0"), qv::eStatusNoAnswer) << "and it ends";
+    EXPECT_EQ(session.runLine("ping"), qv::eStatusNoAnswer);
+}
+
+TEST_F(SessionTest, AReplyOfTheWrongSizeIsNoValue)
+{
+    answers({frame(1, "00 00"), frame(2, "00 01 02"), frame(3, "00")});
+    EXPECT_EQ(mSession.runLine("read brightness-raw"), qv::eStatusNoAnswer);
+    EXPECT_EQ(mOut.str(), "");
+    EXPECT_EQ(mErr.str().find("read brightness-raw: the reply makes no sense: 01 02 (not a u8).\n"), 0U) << mErr.str();
+    qv::Session session(mPeer, mOut, mErr, {.json = true});
+    EXPECT_EQ(session.runLine("read brightness-raw"), qv::eStatusNoAnswer);
+    EXPECT_EQ(
+        mOut.str(),
+        R"({"request":"read brightness-raw","name":"brightness-raw","number":9,"error":"bad reply","mayBeDone":false})"
+        "\n");
+    EXPECT_NE(mErr.str().find("the reply makes no sense: nothing (not a u8)."), std::string::npos) << mErr.str();
+}
+
+TEST_F(SessionTest, WhatIsStoppedSendsNothingMore)
+{
+    answers({frame(1, "00 00"), frame(2, "02"), frame(3, "02")});
+    EXPECT_EQ(mSession.runLine("call beep"), qv::eStatusDone);
+    mSession.stop();
+    EXPECT_EQ(mSession.runLine("call beep"), qv::eStatusNoAnswer);
+    EXPECT_EQ(mErr.str(), "call beep: interrupted.\n");
+    EXPECT_EQ(mPeer.counts().sent, 2U);
+    mSession.forgetStop();
+    EXPECT_EQ(mSession.runLine("call beep"), qv::eStatusDone);
+}
+
 TEST_F(SessionTest, TellsOfAnEcho)
 {
     const auto sync = frame(0x10, "00 00");
@@ -207,6 +277,20 @@ TEST_F(SessionTest, TracesWhatGoesWrong)
     }
 }
 
+TEST_F(SessionTest, TracesBytesThatFormNoFrame)
+{
+    mSession.setTrace(true);
+    answers({hex("6C 6F 67 69 6E 3A 20 FF"), qv::Bytes(1000, 0x55)});
+    EXPECT_EQ(mSession.runLine("call beep"), qv::eStatusNoAnswer);
+    const auto text = mErr.str();
+    EXPECT_NE(text.find("<--  bytes without the end of a frame (8): 6C 6F 67 69 6E 3A 20 FF  \"login: .\"\n"),
+              std::string::npos)
+        << text;
+    EXPECT_NE(text.find("(1000): 55 55"), std::string::npos) << text;
+    EXPECT_NE(text.find("55 ...  \"UUUU"), std::string::npos) << text;
+    EXPECT_LT(text.size(), 2000U);
+}
+
 TEST_F(SessionTest, WatchShowsEachChange)
 {
     qv::Session session(mPeer, mOut, mErr, {.quiet = true});
@@ -220,6 +304,20 @@ TEST_F(SessionTest, PingReports)
     answers({frame(1, "00 00"), frame(2, "00 00"), frame(3, "00 00"), frame(4, "00 00")});
     EXPECT_EQ(mSession.runLine("ping --count 3"), qv::eStatusDone);
     EXPECT_EQ(mOut.str().find("3 requests, 3 answered, 0 repeats\nminimum "), 0U);
+}
+
+TEST_F(SessionTest, PingOnADeadLineSaysSoAtOnce)
+{
+    EXPECT_EQ(mSession.runLine("ping --count 3"), qv::eStatusNoAnswer);
+    EXPECT_EQ(mPeer.counts().sent, 3U) << "the tries of getting in step once";
+    EXPECT_EQ(mErr.str().find("read const-0: no answer: nothing at all came back"), 0U) << mErr.str();
+    EXPECT_EQ(mOut.str(), "");
+}
+
+TEST_F(SessionTest, PingOfNothingIsAMistake)
+{
+    EXPECT_EQ(mSession.runLine("ping --count 0"), qv::eStatusUsage);
+    EXPECT_EQ(mPeer.counts().sent, 0U);
 }
 
 TEST(Ping, PercentilesAreThoseOfTheNearestRank)
