@@ -1,8 +1,11 @@
 #include "qv/LineInput.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <readline/history.h>
 #include <readline/readline.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <csignal>
@@ -80,6 +83,19 @@ int nextChar(FILE* stream) noexcept
 
 } // extern "C"
 
+/// The last line at once: the program may end at any time, by a terminal that is closed for instance.
+void keep(const std::string& historyFile)
+{
+    if (historyFile.empty()) {
+        return;
+    }
+    const int fd = open(historyFile.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, S_IRUSR | S_IWUSR);
+    if (fd >= 0) { // readline appends only to what is there
+        close(fd);
+        append_history(1, historyFile.c_str());
+    }
+}
+
 } // namespace
 
 LineInput::LineInput(const CompleteFn& complete, std::string historyFile)
@@ -101,7 +117,7 @@ LineInput::LineInput(const CompleteFn& complete, std::string historyFile)
 LineInput::~LineInput()
 {
     if (!mHistoryFile.empty()) {
-        write_history(mHistoryFile.c_str());
+        history_truncate_file(mHistoryFile.c_str(), kHistoryMax);
     }
     rl_attempted_completion_function = nullptr;
     rl_getc_function = rl_getc;
@@ -125,6 +141,7 @@ std::optional<std::string> LineInput::next(const std::string& prompt)
     const auto* last = history_length > 0 ? history_get(history_base + history_length - 1) : nullptr;
     if (!line.empty() && (last == nullptr || line != last->line)) {
         add_history(line.c_str());
+        keep(mHistoryFile);
     }
     return line;
 }

@@ -28,10 +28,10 @@ protected:
             close(mTerminal);
         }
     }
-    void open()
+    void open() { open({kVorlanQv, "--port", mBridge.device(), "--timeout", "10000", "shell"}); }
+    void open(const std::vector<std::string>& words)
     {
         const std::string home = "HOME=" + mRig.device().folder();
-        const std::vector<std::string> words{kVorlanQv, "--port", mBridge.device(), "--timeout", "10000", "shell"};
         std::vector<char*> argv;
         argv.reserve(words.size() + 1);
         for (const auto& word : words) {
@@ -82,6 +82,13 @@ protected:
         return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
 
+    std::string history()
+    {
+        std::stringstream text;
+        text << std::ifstream(mRig.device().folder() + "/.vorlan-qv_history").rdbuf();
+        return text.str();
+    }
+
     pid_t mPid = -1;
     int mTerminal = -1;
     std::string mShown;
@@ -123,6 +130,37 @@ TEST_F(ShellTest, CtrlCEndsAWatchAndNotThePrompt)
     type("read ip-addr\n");
     EXPECT_TRUE(sees("192.168.10.20"));
     type("quit\n");
+    EXPECT_EQ(ends(), 0);
+}
+
+TEST_F(ShellTest, CtrlCEndsARequestThatNobodyAnswers)
+{
+    open();
+    type("trace on\n");
+    EXPECT_TRUE(sees("qv> "));
+    type("read ip-addr\n");
+    EXPECT_TRUE(sees("get in step"));
+    type("\x03");
+    EXPECT_TRUE(sees("read ip-addr: interrupted."));
+    EXPECT_TRUE(sees("qv> "));
+    startDaemon();
+    type("read ip-addr\n");
+    EXPECT_TRUE(sees("192.168.10.20"));
+    type("quit\n");
+    EXPECT_EQ(ends(), 0);
+}
+
+TEST_F(ShellTest, CtrlCClearsTheLineWithoutReadlineToo)
+{
+    open({QV_PLAIN_SHELL});
+    type("read ip-a");
+    EXPECT_TRUE(sees("read ip-a"));
+    type("\x03");
+    EXPECT_TRUE(sees("qv> "));
+    type("help ping\n");
+    EXPECT_TRUE(sees("measure round trips"));
+    EXPECT_TRUE(sees("qv> "));
+    type("\x04");
     EXPECT_EQ(ends(), 0);
 }
 
@@ -168,14 +206,24 @@ TEST_F(ShellTest, RemembersWhatWasTyped)
     EXPECT_TRUE(sees("192.168.10.20"));
     type("quit\n");
     EXPECT_EQ(ends(), 0);
-    std::stringstream history;
-    history << std::ifstream(mRig.device().folder() + "/.vorlan-qv_history").rdbuf();
-    EXPECT_EQ(history.str(), "read ip-addr\nquit\n");
+    EXPECT_EQ(history(), "read ip-addr\nquit\n");
     open();
     type("\x1b[A\x1b[A\n"); // twice up: the read
     EXPECT_TRUE(sees("192.168.10.20"));
     type("quit\n");
     EXPECT_EQ(ends(), 0);
+}
+
+TEST_F(ShellTest, RemembersWhatWasTypedBeforeTheTerminalWasClosed)
+{
+    startDaemon();
+    open();
+    type("read ip-addr\n");
+    EXPECT_TRUE(sees("192.168.10.20"));
+    EXPECT_TRUE(sees("qv> "));
+    kill(mPid, SIGHUP);
+    EXPECT_EQ(ends(), -1) << "ended by the signal";
+    EXPECT_EQ(history(), "read ip-addr\n");
 }
 
 #endif
