@@ -9,7 +9,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <fstream>
 #include <limits>
 #include <ostream>
 #include <thread>
@@ -88,9 +87,13 @@ std::int64_t takeOption(std::vector<std::string>& words, const char* name, std::
     if (word + 1 == words.end()) {
         throw RequestError(std::string(name) + " needs a number");
     }
-    const auto value = parseNumber(*(word + 1), min, max);
-    words.erase(word, word + 2);
-    return value;
+    try {
+        const auto value = parseNumber(*(word + 1), min, max);
+        words.erase(word, word + 2);
+        return value;
+    } catch (const ValueError& error) {
+        throw RequestError(std::string(name) + ": " + error.what());
+    }
 }
 
 void needWords(std::span<const std::string> words, std::size_t min, std::size_t max)
@@ -101,6 +104,18 @@ void needWords(std::span<const std::string> words, std::size_t min, std::size_t 
     if (words.size() > max) {
         throw RequestError("'" + words[max] + "' is one word too many");
     }
+}
+
+/// The commands that a boot file may hold.
+std::string bootCommands()
+{
+    std::string names;
+    for (const auto& command : Session::commands()) {
+        if (command.name != std::string_view("boot")) {
+            names += (names.empty() ? "" : ", ") + std::string(command.name);
+        }
+    }
+    return names;
 }
 
 constexpr auto kMany = std::numeric_limits<std::size_t>::max();
@@ -175,6 +190,9 @@ int Session::read(std::span<const std::string> names)
         requests.push_back(readRequest(name));
         width = std::max(width, requests.back().name.size());
     }
+    if (mChecking) {
+        return eStatusDone;
+    }
     for (const auto& request : requests) {
         const auto result = ask(request);
         if (!result.done()) {
@@ -187,6 +205,9 @@ int Session::read(std::span<const std::string> names)
 
 int Session::finish(const tRequest& request)
 {
+    if (mChecking) {
+        return eStatusDone;
+    }
     const auto result = ask(request);
     if (!result.done()) {
         return report(request, result);
@@ -212,20 +233,37 @@ int Session::call(const std::string& name, std::span<const std::string> args)
 
 int Session::boot(const std::string& fileName)
 {
-    std::ifstream file(fileName);
-    if (!file) {
-        throw RequestError("cannot read " + fileName);
-    }
     if (mInBoot) {
         throw RequestError("a boot file cannot play another one");
     }
+    const auto lines = readLines(fileName);
     mInBoot = true;
-    unsigned number = 0;
+    mChecking = true;
+    auto status = playLines(fileName, lines);
+    mChecking = false;
+    if (status == eStatusDone) {
+        status = playLines(fileName, lines);
+    } else {
+        mErr << fileName << ": nothing was sent\n";
+    }
+    mInBoot = false;
+    mWhere.clear();
+    return status;
+}
+
+int Session::playLines(const std::string& fileName, std::span<const std::string> lines)
+{
     int status = eStatusDone;
-    for (std::string line; status == eStatusDone && std::getline(file, line);) {
+    unsigned number = 0;
+    for (const auto& line : lines) {
         ++number;
         const auto first = line.find_first_not_of(" \t\r");
         if (first == std::string::npos || line[first] == '#') {
+            continue;
+        }
+        mWhere = fileName + ":" + std::to_string(number) + ": ";
+        if (mChecking) { // every mistake is told
+            status = std::max(status, runLine(line));
             continue;
         }
         if (!mOptions.quiet && !mOptions.json) {
@@ -235,12 +273,14 @@ int Session::boot(const std::string& fileName)
         status = runLine(line);
         if (mStop) { // a watch or ping has ended well, but the rest is not done
             status = eStatusNoAnswer;
-            mErr << fileName << ":" << number << ": interrupted\n";
+            mErr << mWhere << "interrupted\n";
         } else if (status != eStatusDone) {
-            mErr << fileName << ":" << number << ": stopped here\n";
+            mErr << mWhere << "stopped here\n";
+        }
+        if (status != eStatusDone) {
+            break;
         }
     }
-    mInBoot = false;
     return status;
 }
 
@@ -254,6 +294,9 @@ void Session::pauseUntil(Clock::time_point when) const
 int Session::watch(const std::string& name, std::chrono::milliseconds every, unsigned count)
 {
     const auto request = readRequest(name);
+    if (mChecking) {
+        return eStatusDone;
+    }
     int status = eStatusDone;
     std::optional<std::string> shown;
     for (unsigned i = 0; mOut && (count == 0 || i < count); ++i) {
@@ -289,6 +332,9 @@ int Session::watch(const std::string& name, std::chrono::milliseconds every, uns
 int Session::ping(unsigned count)
 {
     const auto request = readRequest("const-0");
+    if (mChecking) {
+        return eStatusDone;
+    }
     tPingReport pings;
     while (pings.sent < count) {
         const auto result = ask(request);
@@ -355,13 +401,18 @@ int Session::pingWords(Words& words)
 
 int Session::listWords(Words&)
 {
-    writeList(mOut, mOptions.json);
+    if (!mChecking) {
+        writeList(mOut, mOptions.json);
+    }
     return eStatusDone;
 }
 
 int Session::traceWords(Words& words)
 {
-    setTrace(parseValue(wire::ValueE::eBool, words[0])[0] != 0);
+    const bool on = parseValue(wire::ValueE::eBool, words[0])[0] != 0;
+    if (!mChecking) {
+        setTrace(on);
+    }
     return eStatusDone;
 }
 
@@ -391,7 +442,8 @@ try {
     }
     const auto command = std::ranges::find_if(commands(), [&](const tCommand& c) { return words[0] == c.name; });
     if (command == commands().end()) {
-        throw RequestError("there is no command '" + words[0] + "'; 'help' shows all");
+        throw RequestError("there is no command '" + words[0] + "'; " +
+                           (mInBoot ? "there are " + bootCommands() : "'help' shows all"));
     }
     Words rest(words.begin() + 1, words.end());
     if (rest.size() < command->minWords || rest.size() > command->maxWords) {
@@ -399,7 +451,7 @@ try {
     }
     return (this->*command->run)(rest);
 } catch (const std::invalid_argument& error) {
-    mErr << error.what() << '\n';
+    mErr << mWhere << error.what() << '\n';
     return eStatusUsage;
 } catch (const LineError& error) {
     mErr << "the line cannot be used: " << error.what() << '\n';
@@ -412,7 +464,7 @@ int Session::runLine(const std::string& line)
     try {
         words = splitWords(line);
     } catch (const RequestError& error) {
-        mErr << error.what() << '\n';
+        mErr << mWhere << error.what() << '\n';
         return eStatusUsage;
     }
     return run(words);

@@ -50,7 +50,8 @@ public:
     int read(std::span<const std::string> names);
     int write(const std::string& name, const std::string& value);
     int call(const std::string& name, std::span<const std::string> args);
-    /// Runs the commands of a file one after another, as run() does, up to the first that does not succeed.
+    /// Runs the commands of a file one after another, as run() does, up to the first that does not succeed. When one of
+    /// them is not understood, none is run.
     int boot(const std::string& fileName);
     /// Reads again and again and shows the first value and each change, `count` readings or until stop() (count 0).
     int watch(const std::string& name, std::chrono::milliseconds every, unsigned count);
@@ -91,6 +92,7 @@ private:
     /// As Peer::request; a reply that is no value of the register read is no success.
     tResult ask(const tRequest& request);
     int finish(const tRequest& request);
+    int playLines(const std::string& fileName, std::span<const std::string> lines);
     void showReading(const tRequest& request, ByteView data, std::size_t width);
     /// Tells of a request that did not succeed; gives its status.
     int report(const tRequest& request, const tResult& result);
@@ -102,6 +104,8 @@ private:
     tSessionOptions mOptions;
     std::atomic<bool> mStop{false};
     bool mInBoot = false;
+    bool mChecking = false; ///< a boot file is looked over: commands are understood and not carried out
+    std::string mWhere;     ///< "FILE:LINE: " in a boot file
 };
 
 } // namespace qv

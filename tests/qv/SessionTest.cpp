@@ -6,8 +6,11 @@
 #include "tests/qv/Hex.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <cstdio>
 #include <deque>
+#include <fstream>
 #include <sstream>
 
 namespace {
@@ -275,6 +278,55 @@ TEST_F(SessionTest, TracesWhatGoesWrong)
                              "<--  RESET frame: the daemon is out of step"}) {
         EXPECT_NE(text.find(part), std::string::npos) << part << "\n" << text;
     }
+}
+
+/// A file of its own for as long as it lives.
+struct tFile
+{
+    explicit tFile(const std::string& text)
+        : name(testing::TempDir() + "qv-session-" + std::to_string(getpid()))
+    {
+        std::ofstream(name) << text;
+    }
+    ~tFile() { std::remove(name.c_str()); }
+    tFile(const tFile&) = delete;
+    tFile& operator=(const tFile&) = delete;
+
+    const std::string name;
+};
+
+TEST_F(SessionTest, AStartUpIsCheckedBeforeItIsPlayed)
+{
+    const tFile file("read 0\n\n# comment\njump\ncall beep\nwrite qv-status many\nread 'x\nhelp\nping --count x\n"
+                     "trace maybe\nwatch nothing\nboot other\n");
+    EXPECT_EQ(mSession.boot(file.name), qv::eStatusUsage);
+    EXPECT_EQ(mPeer.counts().sent, 0U);
+    EXPECT_EQ(mOut.str(), "");
+    const auto& name = file.name;
+    const std::string commands = "; there are read, write, call, network, watch, ping, list, trace\n";
+    EXPECT_EQ(mErr.str(), name + ":4: there is no command 'jump'" + commands + name +
+                              ":6: qv-status: 'many' is no number (80, 0x50, 0o120 and 0b1010000 are)\n" + name +
+                              ":7: a quotation mark ' is missing\n" + name + ":8: there is no command 'help'" +
+                              commands + name + ":9: --count: 'x' is no number (80, 0x50, 0o120 and 0b1010000 are)\n" +
+                              name + ":10: 'maybe' will not do: true or false (yes, no, on, off, 1, 0)\n" + name +
+                              ":11: there is no register to read called 'nothing'; 'list' shows all\n" + name +
+                              ":12: a boot file cannot play another one\n" + name + ": nothing was sent\n");
+}
+
+TEST_F(SessionTest, AStartUpTellsWhereItStopped)
+{
+    const tFile file("call beep\n\ncall set-cfg-str '' x\ncall beep\n");
+    answers({frame(1, "00 00"), frame(2, "02"), frame(3, "82")});
+    EXPECT_EQ(mSession.boot(file.name), qv::eStatusRefused);
+    EXPECT_EQ(mOut.str(), "call beep\ncall set-cfg-str '' x\n");
+    EXPECT_NE(mErr.str().find("call set-cfg-str '' x: refused"), std::string::npos) << mErr.str();
+    EXPECT_NE(mErr.str().find(file.name + ":3: stopped here\n"), std::string::npos) << mErr.str();
+}
+
+TEST_F(SessionTest, AFolderIsNoStartUp)
+{
+    EXPECT_EQ(mSession.runLine("boot ."), qv::eStatusUsage);
+    EXPECT_EQ(mErr.str(), "cannot read .: Is a directory\n");
 }
 
 TEST_F(SessionTest, TracesBytesThatFormNoFrame)
