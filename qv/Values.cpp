@@ -188,9 +188,9 @@ std::int64_t parseDate(std::string_view text)
     if (end == nullptr || *end != '\0') {
         refuse(ValueE::eTime, text);
     }
-    const auto day = date.tm_mday;
+    const auto typed = date;
     const auto seconds = timegm(&date);
-    if (date.tm_mday != day) { // the 31st of a shorter month, or a leap second
+    if (date.tm_mday != typed.tm_mday || date.tm_sec != typed.tm_sec) { // the 31st of a shorter month, a leap second
         refuse(ValueE::eTime, text);
     }
     return seconds;

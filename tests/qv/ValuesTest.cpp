@@ -89,6 +89,8 @@ TEST(Values, AreRefusedWithWhatWouldDo)
         {ValueE::eTime, "tomorrow"},
         {ValueE::eTime, "2024-02-30"},
         {ValueE::eTime, "2024-05-06 25:00"},
+        {ValueE::eTime, "2024-05-06 07:08:60"},
+        {ValueE::eTime, "2016-12-31 23:59:60"},
         {ValueE::eTime, "@x"},
         {ValueE::eByteList, "1,2,3"},
         {ValueE::eByteList, "1,,3;4"},
@@ -108,6 +110,15 @@ TEST(Values, AreRefusedWithWhatWouldDo)
         parseValue(ValueE::eBool, "perhaps");
     } catch (const ValueError& error) {
         EXPECT_STREQ(error.what(), "'perhaps' will not do: true or false (yes, no, on, off, 1, 0)");
+    }
+}
+
+TEST(Values, ANumberKeepsToBothBounds)
+{
+    EXPECT_EQ(qv::parseNumber("1", 1, 5), 1);
+    EXPECT_EQ(qv::parseNumber("-0", 0, 5), 0);
+    for (const auto* text : {"0", "-0", "-1", "6"}) {
+        EXPECT_THROW(qv::parseNumber(text, 1, 5), ValueError) << text;
     }
 }
 
