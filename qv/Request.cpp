@@ -108,11 +108,7 @@ const char* nameOf(const tField& field)
 template <class Entry>
 const char* nearest(std::span<const Entry> table, std::string_view name)
 {
-    const auto typed = lower(name);
-    const auto entry = std::ranges::find_if(table, [&](const Entry& e) {
-        const std::string_view candidate = nameOf(e);
-        return distance(candidate, typed) <= 2 || (typed.size() > 1 && candidate.find(typed) != std::string_view::npos);
-    });
+    const auto entry = std::ranges::find_if(table, [&](const Entry& e) { return isNear(nameOf(e), name); });
     return entry == table.end() ? nullptr : nameOf(*entry);
 }
 
@@ -324,6 +320,12 @@ private:
 };
 
 } // namespace
+
+bool isNear(std::string_view name, std::string_view typed)
+{
+    const auto small = lower(typed);
+    return distance(name, small) <= 2 || (small.size() > 1 && name.find(small) != std::string_view::npos);
+}
 
 const tRegister* findReadRegister(std::string_view name)
 {

@@ -46,6 +46,9 @@ const wire::tRegister* findReadRegister(std::string_view name);
 const wire::tRegister* findWriteRegister(std::string_view name);
 const wire::tMethod* findMethod(std::string_view name);
 
+/// Whether `name` may have been meant by what was typed: a part of it, or two letters wrong at most.
+bool isNear(std::string_view name, std::string_view typed);
+
 /// What the method's argument is when it is not given; null when it must be given.
 const char* defaultOf(const wire::tMethod& method, const wire::tField& field);
 

@@ -9,14 +9,17 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <charconv>
 #include <iostream>
 #include <limits>
 #include <map>
 #include <memory>
 #include <random>
+#include <span>
 
 namespace {
 
+constexpr auto kMost = std::numeric_limits<unsigned>::max();
 constexpr const char* kVersion = "vorlan-qv " VORLAN_VERSION;
 
 constexpr const char* kFooter = R"(
@@ -31,8 +34,9 @@ Examples
 
 Exit status: 0 done, 1 refused by the device, 2 usage, 3 no answer (or no line, or the outcome is unknown).)";
 
-/// CLI11 takes "-5" for an option. Negative numbers are marked before it sees them, and unmarked after.
-constexpr char kNegativeMark = '\x01';
+/// CLI11 takes "-5" for an option. Negative numbers, and what follows "--", are marked before it sees them, and
+/// unmarked after.
+constexpr char kNoOptionMark = '\x01';
 
 struct tArguments
 {
@@ -57,19 +61,28 @@ struct tArguments
 
 std::string unmarked(std::string text)
 {
-    if (!text.empty() && text[0] == kNegativeMark) {
+    if (!text.empty() && text[0] == kNoOptionMark) {
         text.erase(0, 1);
     }
     return text;
 }
 
-std::vector<std::string> markNegatives(int argc, char** argv)
+bool isNegativeNumber(const std::string& arg)
 {
-    std::vector<std::string> args(argv + 1, argv + argc);
-    for (auto& arg : args) {
-        if (arg.size() > 1 && arg[0] == '-' &&
-            (std::isdigit(static_cast<unsigned char>(arg[1])) != 0 || arg[1] == '.')) {
-            arg.insert(arg.begin(), kNegativeMark);
+    return arg.size() > 1 && arg[0] == '-' && (std::isdigit(static_cast<unsigned char>(arg[1])) != 0 || arg[1] == '.');
+}
+
+std::vector<std::string> markNoOptions(int argc, char** argv)
+{
+    std::vector<std::string> args;
+    bool noOptions = false;
+    for (const std::string arg : std::span(argv, static_cast<std::size_t>(argc)).subspan(1)) {
+        if (arg == "--" && !noOptions) {
+            noOptions = true;
+        } else {
+            const bool marked =
+                isNegativeNumber(arg) || (noOptions && arg.starts_with('-')) || arg.starts_with(kNoOptionMark);
+            args.push_back((marked ? std::string(1, kNoOptionMark) : "") + arg);
         }
     }
     std::ranges::reverse(args); // as CLI11 wants them
@@ -88,6 +101,26 @@ std::string checkRate(const std::string& text)
         return "'" + text + "' is no rate";
     }
     return "no such rate; there are " + qv::Port::knownRates();
+}
+
+/// As CLI::Range, which lets "nan" pass.
+std::string checkProbability(const std::string& text)
+{
+    double value = -1;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+    const bool good = error == std::errc() && end == text.data() + text.size() && value >= 0 && value <= 1;
+    return good ? "" : "'" + text + "' is no probability: 0 to 1";
+}
+
+/// As CLI::Range, with whole numbers in its complaint.
+CLI::Validator wholeRange(unsigned min, unsigned max)
+{
+    const auto range = std::to_string(min) + " to " + std::to_string(max);
+    return {[=](const std::string& text) {
+                const bool good = CLI::Range(min, max)(text).empty() && text.find('-') == std::string::npos;
+                return good ? "" : "Value " + text + " not in range " + range;
+            },
+            range};
 }
 
 void addLineOptions(CLI::App& app, tArguments& arguments)
@@ -121,10 +154,10 @@ void addBadLineOptions(CLI::App& app, tArguments& arguments)
 {
     const std::string group = "A bad line on purpose, in both directions";
     const auto probability = [&](const char* name, double& target, const char* text) {
-        app.add_option(name, target, text)->type_name("P")->check(CLI::Range(0.0, 1.0))->group(group);
+        app.add_option(name, target, text)->type_name("P")->check(checkProbability)->group(group);
     };
     probability("--lose", arguments.bad.lose, "probability that a frame is lost, 0 to 1");
-    probability("--corrupt", arguments.bad.corrupt, "probability that a byte of a frame is changed");
+    probability("--corrupt", arguments.bad.corrupt, "probability that one byte of a frame is changed");
     probability("--stray", arguments.bad.stray, "probability that a stray byte comes before a frame");
     app.add_flag("--split", arguments.bad.split, "each frame comes in two pieces")->group(group);
     app.add_option("--delay", arguments.delay, "each frame comes late by up to this, in ms")
@@ -134,6 +167,7 @@ void addBadLineOptions(CLI::App& app, tArguments& arguments)
     app.add_option("--burst", arguments.bad.burst, "a loss or corruption goes on for so many frames")
         ->type_name("N")
         ->capture_default_str()
+        ->check(wholeRange(1, kMost))
         ->group(group);
     app.add_option("--seed", arguments.bad.seed, "the same seed does the same again")
         ->type_name("N")
@@ -149,6 +183,7 @@ void addNetworkOptions(CLI::App& command, tArguments& arguments)
         command
             .add_option("--" + std::string(field.name), arguments.network[field.name],
                         std::string(field.meaning) +
+                            (field.type == wire::ValueE::eDnsMode ? ": given, dhcp or none" : "") +
                             (preset.empty() ? " (default: empty)" : " (default: " + preset + ")"))
             ->type_name(qv::typeName(field.type));
     }
@@ -178,17 +213,19 @@ std::string namesOf(std::span<const Entry> table)
 
 void addCommands(CLI::App& app, tArguments& arguments)
 {
+    const std::string bytes = "of an unknown number, bytes with commas (1,0x22)";
     auto* read = app.add_subcommand("read", "read registers");
     read->footer("\nRegisters: " + namesOf<wire::tRegister>(wire::kReadRegisters));
     read->add_option("NAME", arguments.words, "names or numbers of registers")->required();
     auto* write = app.add_subcommand("write", "write a register");
     write->footer("\nRegisters: " + namesOf<wire::tRegister>(wire::kWriteRegisters));
     write->add_option("NAME", arguments.name, "name or number of the register")->required();
-    write->add_option("VALUE", arguments.value, "the value, as 'list' says")->required();
+    write->add_option("VALUE", arguments.value, "the value, as 'list' says; " + bytes)->required();
     auto* call = app.add_subcommand("call", "call a method");
     call->footer("\nMethods: " + namesOf<wire::tMethod>(wire::kMethods));
     call->add_option("NAME", arguments.name, "name or number of the method")->required();
-    call->add_option("ARGUMENT", arguments.words, "arguments in their order, or as name=value");
+    call->add_option("ARGUMENT", arguments.words,
+                     "arguments in their order, or as name=value; " + bytes + "; what begins with - goes behind --");
     addNetworkOptions(*app.add_subcommand("network", "set up a network interface (method set-network-cfg)"), arguments);
     auto* boot = app.add_subcommand("boot", "play a start-up from a file of commands");
     boot->add_option("FILE", arguments.file, "commands as in the shell, one in a line")->required();
@@ -198,7 +235,8 @@ void addCommands(CLI::App& app, tArguments& arguments)
     watch->add_option("NAME", arguments.name, "name or number of the register")->required();
     watch->add_option("--every", arguments.every, "time between two readings, in ms")
         ->type_name("MS")
-        ->capture_default_str();
+        ->capture_default_str()
+        ->check(wholeRange(0, std::numeric_limits<int>::max()));
     watch->add_option("--count", arguments.count, "end after so many readings (0: Ctrl-C ends it)")
         ->type_name("N")
         ->capture_default_str();
@@ -206,7 +244,11 @@ void addCommands(CLI::App& app, tArguments& arguments)
     ping->add_option("--count", arguments.pings, "how many")
         ->type_name("N")
         ->capture_default_str()
-        ->check(CLI::PositiveNumber);
+        ->check(wholeRange(1, kMost));
+    for (auto* command : app.get_subcommands({})) {
+        const auto own = command->get_footer();
+        command->footer((own.empty() ? "" : own + "\n") + "For --port and the other options see: vorlan-qv --help");
+    }
 }
 
 /// The arguments of set-network-cfg as name=value, those of the file first.
@@ -214,11 +256,11 @@ std::vector<std::string> networkWords(const CLI::App& command, const tArguments&
 {
     std::vector<std::string> words;
     if (!arguments.file.empty()) {
-        words.push_back("@" + arguments.file);
+        words.push_back("@" + unmarked(arguments.file));
     }
     for (const auto& [name, value] : arguments.network) {
         if (command.count("--" + name) != 0) {
-            words.push_back(name + "=" + value);
+            words.push_back(name + "=" + unmarked(value));
         }
     }
     return words;
@@ -232,15 +274,15 @@ std::vector<std::string> commandWords(const CLI::App& command, const tArguments&
         const auto network = networkWords(command, arguments);
         words.insert(words.end(), network.begin(), network.end());
     } else if (name == "boot") {
-        words.push_back(arguments.file);
+        words.push_back(unmarked(arguments.file));
     } else if (name == "watch") {
-        words.insert(words.end(), {arguments.name, "--every", std::to_string(arguments.every), "--count",
+        words.insert(words.end(), {unmarked(arguments.name), "--every", std::to_string(arguments.every), "--count",
                                    std::to_string(arguments.count)});
     } else if (name == "ping") {
         words.insert(words.end(), {"--count", std::to_string(arguments.pings)});
     } else {
         if (name != "read") {
-            words.push_back(arguments.name);
+            words.push_back(unmarked(arguments.name));
         }
         if (name == "write") {
             words.push_back(unmarked(arguments.value));
@@ -250,6 +292,32 @@ std::vector<std::string> commandWords(const CLI::App& command, const tArguments&
         }
     }
     return words;
+}
+
+/// What is wrong with the command line.
+std::string complaint(const CLI::App& app, const CLI::ParseError& error)
+{
+    const auto unknown = app.remaining(true);
+    const bool hasCommand = !app.get_subcommands().empty();
+    if (unknown.empty()) {
+        return !hasCommand && error.get_exit_code() == static_cast<int>(CLI::ExitCodes::RequiredError)
+                   ? "a command is missing"
+                   : error.what();
+    }
+    const auto& word = unknown.front();
+    if (word.starts_with('-')) {
+        return "there is no option '" + word + "'" +
+               (hasCommand && !word.starts_with("--") ? "; a value that begins with - goes behind --" : "");
+    }
+    if (hasCommand) {
+        return "'" + word + "' is one word too many";
+    }
+    for (const auto* command : app.get_subcommands([](const CLI::App*) { return true; })) {
+        if (qv::isNear(command->get_name(), word)) {
+            return "there is no command '" + word + "'; did you mean " + command->get_name() + "?";
+        }
+    }
+    return "there is no command '" + word + "'";
 }
 
 int runOnLine(const CLI::App& command, const tArguments& arguments)
@@ -305,9 +373,15 @@ int run(int argc, char** argv)
     addCommands(app, arguments);
     app.footer(kFooter);
     try {
-        app.parse(markNegatives(argc, argv));
+        app.parse(markNoOptions(argc, argv));
     } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? qv::eStatusDone : qv::eStatusUsage;
+        if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) {
+            return app.exit(error);
+        }
+        auto text = complaint(app, error);
+        std::erase(text, kNoOptionMark);
+        std::cerr << "vorlan-qv: " << text << "\n  See vorlan-qv --help.\n";
+        return qv::eStatusUsage;
     }
     const auto& command = *app.get_subcommands().front();
     if (command.get_name() == "list") {

@@ -85,6 +85,12 @@ TEST_F(CommandTest, CallsMethods)
     EXPECT_EQ(calls("BeepParam", "1, 515"), 1U);
     EXPECT_EQ(qvCommand({"call", "set-time", "2024-05-06 07:08:09"}).status, 0);
     EXPECT_EQ(calls("SetUnixTime", "1714979289"), 1U);
+    EXPECT_EQ(qvCommand({"call", "set-cfg-str", "VisuURL", "--", "-x"}).status, 0);
+    EXPECT_EQ(calls("SetCfgString", "\"VisuURL\", \"-x\""), 1U) << "behind -- nothing is an option";
+    EXPECT_EQ(qvCommand({"call", "set-cfg-str", "VisuURL", "\x01-\x01"}).status, 0);
+    EXPECT_EQ(mRig.timeline().count(sim::match::call("SetCfgString").withPart("\\x01-\\x01")), 1U);
+    EXPECT_EQ(qvCommand({"call", "--", "set-cfg-str", "VisuURL", "--help"}).status, 0);
+    EXPECT_EQ(calls("SetCfgString", "\"VisuURL\", \"--help\""), 1U);
 }
 
 TEST_F(CommandTest, TellsOfARefusal)
@@ -93,7 +99,8 @@ TEST_F(CommandTest, TellsOfARefusal)
     const auto run = qvCommand({"call", "set-cfg-str", "", "x"});
     EXPECT_EQ(run.status, 1);
     EXPECT_EQ(run.out, "");
-    EXPECT_THAT(run.err, StartsWith("call set-cfg-str '' x: refused by the device (error bit set); nothing was done.\n"));
+    EXPECT_THAT(run.err,
+                StartsWith("call set-cfg-str '' x: refused by the device (error bit set); nothing was done.\n"));
     EXPECT_EQ(qvCommand({"call", "13"}).status, 1) << "a method that the daemon does not have";
     EXPECT_EQ(qvCommand({"write", "7", "1"}).status, 1) << "a register that the daemon does not have";
     EXPECT_THAT(qvCommand({"--json", "call", "13"}).out, HasSubstr("\"error\":\"refused\""));
@@ -246,6 +253,8 @@ TEST(Usage, MistakesHaveStatus2)
         {"--port", "/dev/null", "write", "qv-status"},
         {"--port", "/dev/null", "network", "--file", "/no/such/file"},
         {"--no-such-option", "list"},
+        {"--port", "/dev/null", "--lose", "nan", "read", "ip-addr"},
+        {"--port", "/dev/null", "--burst", "0", "read", "ip-addr"},
     };
     for (const auto& arguments : mistakes) {
         const auto run = runCommand(arguments);
@@ -253,6 +262,32 @@ TEST(Usage, MistakesHaveStatus2)
         EXPECT_THAT(run.err, Not(IsEmpty()));
         EXPECT_EQ(run.out, "");
     }
+}
+
+/// The first line of what vorlan-qv says to a mistake.
+std::string complaintOf(const std::vector<std::string>& arguments)
+{
+    const auto run = runCommand(arguments);
+    EXPECT_EQ(run.status, 2) << testing::PrintToString(arguments);
+    return run.err.substr(0, run.err.find('\n'));
+}
+
+TEST(Usage, MistakesAreNamed)
+{
+    EXPECT_EQ(complaintOf({"raed", "0"}), "vorlan-qv: there is no command 'raed'; did you mean read?");
+    EXPECT_EQ(complaintOf({"frobnicate"}), "vorlan-qv: there is no command 'frobnicate'");
+    EXPECT_EQ(complaintOf({"--prt", "x"}), "vorlan-qv: there is no option '--prt'");
+    EXPECT_EQ(complaintOf({"--prt", "x", "read", "0"}), "vorlan-qv: there is no option '--prt'");
+    EXPECT_EQ(complaintOf({"read", "0", "--prt=x"}), "vorlan-qv: there is no option '--prt=x'");
+    EXPECT_EQ(complaintOf({"call", "set-cfg-str", "Foo", "-x"}),
+              "vorlan-qv: there is no option '-x'; a value that begins with - goes behind --");
+    EXPECT_EQ(complaintOf({"list", "foo"}), "vorlan-qv: 'foo' is one word too many");
+    EXPECT_EQ(complaintOf({}), "vorlan-qv: a command is missing");
+    EXPECT_EQ(complaintOf({"ping", "--count", "0"}), "vorlan-qv: --count: Value 0 not in range 1 to 4294967295");
+    EXPECT_EQ(complaintOf({"ping", "--count", "-1"}), "vorlan-qv: --count: Value -1 not in range 1 to 4294967295");
+    EXPECT_EQ(complaintOf({"watch", "0", "--every", "3000000000"}),
+              "vorlan-qv: --every: Value 3000000000 not in range 0 to 2147483647");
+    EXPECT_EQ(complaintOf({"--lose", "nan", "read", "0"}), "vorlan-qv: --lose: 'nan' is no probability: 0 to 1");
 }
 
 TEST_F(CommandTest, MistakesInNamesAndValuesHaveStatus2AndSendNothing)
@@ -283,6 +318,10 @@ TEST(Usage, HelpAloneShowsTheWay)
     for (const auto* part :
          {"read brightness-raw", "write qv-ip-addr", "nothing answers?", "vorlan-qv list", "Exit status"}) {
         EXPECT_THAT(run.out, HasSubstr(part));
+    }
+    EXPECT_THAT(runCommand({"network", "--help"}).out, HasSubstr("given, dhcp or none"));
+    for (const auto* command : {"read", "write", "call", "network", "boot", "shell", "list", "watch", "ping"}) {
+        EXPECT_THAT(runCommand({command, "--help"}).out, HasSubstr("vorlan-qv --help")) << command;
     }
     EXPECT_THAT(runCommand({"--version"}).out, MatchesRegex("vorlan-qv [0-9.]+\n"));
 }
