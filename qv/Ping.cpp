@@ -46,7 +46,7 @@ std::chrono::nanoseconds tPingReport::percentile(unsigned percent) const
     return *place;
 }
 
-void tPingReport::writeText(std::ostream& out) const
+void tPingReport::writeText(std::ostream& out, bool withHistogram) const
 {
     out << sent << " requests, " << times.size() << " answered, " << repeats << " repeats\n";
     if (times.empty()) {
@@ -57,7 +57,7 @@ void tPingReport::writeText(std::ostream& out) const
                   milliseconds(percentile(0)), milliseconds(percentile(50)), milliseconds(percentile(99)),
                   milliseconds(percentile(100)));
     out << text;
-    if (times.size() > 1) {
+    if (withHistogram && times.size() > 1) {
         auto sorted = times;
         std::ranges::sort(sorted);
         writeHistogram(out, sorted);

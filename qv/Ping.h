@@ -15,7 +15,7 @@ struct tPingReport
 
     /// The smallest time that at least `percent` of the times do not exceed. There must be one.
     std::chrono::nanoseconds percentile(unsigned percent) const;
-    void writeText(std::ostream& out) const;
+    void writeText(std::ostream& out, bool withHistogram = true) const;
     void writeJson(std::ostream& out) const;
 };
 

@@ -353,7 +353,7 @@ int Session::ping(unsigned count)
     if (mOptions.json) {
         pings.writeJson(mOut);
     } else {
-        pings.writeText(mOut);
+        pings.writeText(mOut, !mOptions.quiet);
     }
     mOut.flush();
     return pings.times.size() == pings.sent ? eStatusDone : eStatusNoAnswer;

@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <deque>
 #include <fstream>
@@ -370,6 +371,14 @@ TEST_F(SessionTest, PingOfNothingIsAMistake)
 {
     EXPECT_EQ(mSession.runLine("ping --count 0"), qv::eStatusUsage);
     EXPECT_EQ(mPeer.counts().sent, 0U);
+}
+
+TEST_F(SessionTest, AQuietPingDrawsNothing)
+{
+    qv::Session session(mPeer, mOut, mErr, {.quiet = true});
+    answers({frame(1, "00 00"), frame(2, "00 00"), frame(3, "00 00"), frame(4, "00 00")});
+    EXPECT_EQ(session.runLine("ping --count 3"), qv::eStatusDone);
+    EXPECT_EQ(std::ranges::count(mOut.str(), '\n'), 2) << mOut.str();
 }
 
 TEST(Ping, PercentilesAreThoseOfTheNearestRank)
