@@ -15,7 +15,7 @@ enum StatusE : int
     eStatusDone = 0,
     eStatusRefused = 1,  ///< the device set the error bit
     eStatusUsage = 2,    ///< the command was not understood; nothing was sent
-    eStatusNoAnswer = 3, ///< no answer, or nobody knows what became of the request, or no line
+    eStatusNoAnswer = 3, ///< no usable answer, interrupted, or nobody knows what became of the request, or no line
 };
 
 class Session;

@@ -32,7 +32,8 @@ Examples
   vorlan-qv list                                           every register and method
   vorlan-qv --port /dev/ttyUSB0 --trace ping --count 1     nothing answers? see what is sent and what comes back
 
-Exit status: 0 done, 1 refused by the device, 2 usage, 3 no answer (or no line, or the outcome is unknown).)";
+Exit status: 0 done, 1 refused by the device, 2 usage, 3 no usable answer (or no line, interrupted, the outcome is
+unknown, or the results could not be written).)";
 
 /// CLI11 takes "-5" for an option. Negative numbers, and what follows "--", are marked before it sees them, and
 /// unmarked after.
