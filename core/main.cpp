@@ -22,12 +22,10 @@ struct tOptions
 void print_usage()
 {
     // A backspace where a tab was meant, in the last line: on a terminal it takes the '>' away. It stays as it is.
-    std::fputs("Usage: vorlan daemon [-opts]\n"
-               "\n"
-               "Options:\n"
-               "-s, --serialdev=path\tpath to serial device\n"
-               "-b, --baudrate=<num>\baudrate to serial device\n",
-               stdout);
+    for (const char* line :
+         {"Usage: vorlan daemon [-opts]", "", "Options:", "-s, --serialdev=path\tpath to serial device",
+          "-b, --baudrate=<num>\baudrate to serial device"})
+        std::puts(line);
 }
 
 [[noreturn]] void refuse()

@@ -171,7 +171,7 @@ void SDBusManager::emitPropChange(const std::string& name)
 void SDBusManager::emitSignal(const char* member)
 {
     const std::lock_guard lock(mMutex);
-    if (!mBus)
+    if (!mBus || isStopRequested()) // what was read since may be a default
         return;
     sd_bus_emit_signal(mBus.get(), kPath, kName, member, nullptr);
     wake();

@@ -46,7 +46,10 @@ struct SDBusSysD::tCall
 
     void log(const char* words, std::string_view what = "") const
     {
-        std::fprintf(stderr, "%s: %s%.*s\n", prefix, words, static_cast<int>(what.size()), what.data());
+        // at once, however long: formatted output goes out in pieces of a few kilobytes
+        std::string line(prefix);
+        line.append(": ").append(words).append(what).append("\n");
+        std::fputs(line.c_str(), stderr);
     }
     void logFailure() const { log(failure, subject); }
 };

@@ -42,7 +42,8 @@ std::vector<tEntry> entriesOf(const NetConf& conf)
 
 void log(const char* words, const char* what = "")
 {
-    std::fprintf(stderr, "SysDDBusCtrl: %s%s\n", words, what);
+    const std::string line = std::string("SysDDBusCtrl: ") + words + what + "\n";
+    std::fputs(line.c_str(), stderr); // at once, however long
 }
 
 /// False, with a line, at the first step that fails.

@@ -81,7 +81,8 @@ void Vorlan::rememberNetConf(const std::string& interface, const NetConf& conf)
 void Vorlan::applyNetConf(const NetConf& conf)
 {
     mpSysD->configureNetIf(mpSysD->getCfgString("EthDev"), conf);
-    std::fprintf(stderr, "Vorlan: setNetworkCfg: ETHInternal: %s\n", mpSysD->getCfgString("EthDev").c_str());
+    const std::string line = "Vorlan: setNetworkCfg: ETHInternal: " + mpSysD->getCfgString("EthDev") + "\n";
+    std::fputs(line.c_str(), stderr); // at once, however long
 }
 
 void Vorlan::storeNetConf(const NetConf& conf)

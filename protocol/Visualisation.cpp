@@ -25,7 +25,8 @@ constexpr long long kExitDelayS = 4; ///< the idle application stays until the v
 
 } // namespace
 
-/// Called whenever one of the conditions has come true; opens once, when the last of them does.
+/// Called whenever one of the conditions has come true: with the last of them the start begins, once; when the logos
+/// have finished, each later call applies the configuration again.
 void Vorlan::tryApplyCfg()
 {
     if (mQVIpAddrReceived && mTimeReceived && mQVStatusRunning && mApplyConfigRequested && !mStartupDone) {
@@ -46,6 +47,8 @@ void Vorlan::tryApplyCfg()
 void Vorlan::startLogoHandler()
 {
     mpService->emitShowLogos();
+    if (mStopping)
+        return;
     std::puts("Vorlan::startLogoHandler");
     mpLogoHandler->run();
     if (mStopping)

@@ -151,6 +151,21 @@ TEST_F(SDBusManagerLifeTest, canBeStartedAgain)
     }
 }
 
+TEST_F(SDBusManagerLifeTest, nothingIsSentOnceItIsToStop)
+{
+    startService();
+    SignalWatch watch(mDevice.userBus().address());
+    mService.sendLogosFinished();
+    mService.requestStop();
+    mService.emitOrientationChanged();
+    mService.emitStatusTxt();
+    expectStops();
+    EXPECT_EQ(watch.next().member, "LogosFinished");
+    for (int i = 0; i < 2; ++i)
+        EXPECT_EQ(read("StatusQV"), "org.freedesktop.DBus.Error.ServiceUnknown");
+    EXPECT_EQ(watch.next(milliseconds{0}).member, "");
+}
+
 // ---- Losing the bus
 
 TEST_F(SDBusManagerLifeTest, lostBusIsFoundAgain)

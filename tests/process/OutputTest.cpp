@@ -41,6 +41,16 @@ protected:
         EXPECT_EQ(hex(mRig.leftovers()), "");
     }
 
+    /// What came through a socket that keeps writes apart.
+    static std::vector<std::string> writesFrom(int socket)
+    {
+        std::vector<std::string> writes;
+        std::array<char, 65536> buffer{};
+        for (ssize_t got = 0; (got = recv(socket, buffer.data(), buffer.size(), 0)) > 0;)
+            writes.emplace_back(buffer.data(), static_cast<std::size_t>(got));
+        return writes;
+    }
+
     std::string errOfMain() { return linesWithout(mRig.daemon().err(), "SDBusManager: "); }
 };
 
@@ -97,6 +107,21 @@ TEST_F(Output, linesDoNotGoToTheLineWhenAllStandardDescriptorsAreClosed)
     EXPECT_EQ(mRig.daemon().out() + mRig.daemon().err(), "");
 }
 
+TEST_F(Output, eachLineOfTheUsageIsOneWrite)
+{
+    int ends[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends), 0);
+    const UniqueFd ours(ends[0]);
+    UniqueFd theirs(ends[1]);
+    sim::Daemon::tOptions options;
+    options.arguments = {"--help"};
+    options.stdoutFd = theirs.get();
+    mRig.start(options);
+    theirs.reset();
+    EXPECT_EQ(mRig.daemon().waitExit(), exited(1));
+    EXPECT_EQ(writesFrom(ours.get()).size(), 6U);
+}
+
 TEST_F(Output, refusesACommandLineWithoutAnOutputToo)
 {
     sim::Daemon::tOptions options;
@@ -127,13 +152,14 @@ TEST_F(Output, eachLineIsOneWrite)
     ASSERT_TRUE(mRig.playStory());
     EXPECT_EQ(mRig.ask({0x0F, 0x00}), "8f");
     EXPECT_EQ(mRig.ask(readReg(wire::eRegRdDispBrightnessRaw)), "00 00");
-    EXPECT_EQ(mRig.ask(rig::call(wire::eMethodSetCfgStr, text(std::string(5000, 'k')))), "02");
+    EXPECT_EQ(mRig.ask(rig::call(wire::eMethodSetCfgStr, text(std::string(20000, 'k')))), "02");
+    qv::Bytes record = text("eth0");
+    const qv::Bytes mode = text(std::string(20000, '\xff'));
+    record.insert(record.end(), mode.begin(), mode.end());
+    EXPECT_EQ(mRig.ask(rig::call(wire::eMethodSetNetworkCfg, record)), "02");
     EXPECT_EQ(mRig.stop(), exited(0));
 
-    std::vector<std::string> writes;
-    std::array<char, 65536> buffer{};
-    for (ssize_t got = 0; (got = recv(ours.get(), buffer.data(), buffer.size(), 0)) > 0;)
-        writes.emplace_back(buffer.data(), static_cast<std::size_t>(got));
+    const std::vector<std::string> writes = writesFrom(ours.get());
     for (const std::string& line : writes)
         EXPECT_EQ(line.find('\n'), line.size() - 1) << line;
     EXPECT_EQ(writes.front(), kStarted);
@@ -143,7 +169,8 @@ TEST_F(Output, eachLineIsOneWrite)
           std::string("Vorlan::startLogoHandler\n"), std::string("Vorlan::startLogoHandler: finished\n"),
           std::string(kUnknownCmd), std::string("SDBusSysD: Failed to get param: 172\n"),
           std::string("Vorlan: readReg eRegRdDispBrightnessRaw 0\n"),
-          "SDBusSysD: Failed to set cfg: " + std::string(5000, 'k') + "\n"})
+          "SDBusSysD: Failed to set cfg: " + std::string(20000, 'k') + "\n",
+          "SysDDBusCtrl: Failed to append dbus message: " + std::string(20000, '\xff') + "\n"})
         EXPECT_THAT(writes, ::testing::Contains(wanted));
     EXPECT_THAT(writes, ::testing::Contains(::testing::StartsWith("SDBusLogoHandler: Failed to start logohandler: ")));
 }

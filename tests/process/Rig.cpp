@@ -240,15 +240,20 @@ qv::Bytes Rig::leftovers()
     }
 }
 
-bool Rig::tellStory()
+bool Rig::tellConditions()
 {
     const qv::Bytes time(std::begin(kTime), std::end(kTime));
-    for (const qv::Bytes& message : {writeReg(wire::eRegWrQVProtVersion, {7}), call(wire::eMethodSetTime, time),
-                                     writeReg(wire::eRegWrQVStatus, {wire::kStatusRunning}),
-                                     writeReg(wire::eRegWrQVIpAddr, text("10.0.0.5")), call(wire::eMethodApplyConfig)})
+    for (const qv::Bytes& message :
+         {writeReg(wire::eRegWrQVProtVersion, {7}), call(wire::eMethodSetTime, time),
+          writeReg(wire::eRegWrQVStatus, {wire::kStatusRunning}), writeReg(wire::eRegWrQVIpAddr, text("10.0.0.5"))})
         if (ask(message) == "none")
             return false;
     return true;
+}
+
+bool Rig::tellStory()
+{
+    return tellConditions() && ask(call(wire::eMethodApplyConfig)) != "none";
 }
 
 bool Rig::playStory()

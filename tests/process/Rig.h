@@ -84,7 +84,9 @@ public:
     /// What lies on the line now.
     qv::Bytes leftovers();
 
-    /// QV's part of the start-up: its time, status and address, and ApplyConfig. False when a request got no answer.
+    /// QV's part of the start-up up to its end: time, status and address. False when a request got no answer.
+    bool tellConditions();
+    /// The same, and ApplyConfig.
     bool tellStory();
     /// The same, and the visualisation has been applied.
     bool playStory();

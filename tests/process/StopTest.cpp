@@ -277,6 +277,38 @@ protected:
     std::uint8_t mNumber = 0;
 };
 
+/// The gate opens with the last request, and the daemon ends while the logo thread announces ShowLogos.
+TEST_F(Stop, keepsTheLogosFromStarting)
+{
+    // Which of the two announcements of the start comes first is open; the logo thread's has to be the second.
+    for (int attempt = 0; attempt < 20; ++attempt) {
+        Rig rig(kVorlan);
+        sim::SysDaemon& sysd = rig.device().sysd();
+        sysd.setParam(211, 5); // no look for updates, which would wait for the answer to the announcement's question
+        ASSERT_NO_FATAL_FAILURE(serveWithService(rig));
+        ASSERT_TRUE(rig.tellConditions());
+        sysd.setBehaviour("GetParamBool", tBehaviour::held());
+        const std::size_t from = rig.timeline().mark();
+        ASSERT_TRUE(rig.waitsForRequest());
+        rig.daemon().signal(SIGTERM);
+        rig.peer().sendFrame(rig.peer().number(), rig::call(wire::eMethodApplyConfig));
+        const auto first = rig.timeline().waitFor(call("GetParamBool"), from);
+        ASSERT_TRUE(first);
+        const bool shown = first->arguments == "92";
+        sysd.release();
+        ASSERT_TRUE(rig.timeline().waitFor(call("GetParamBool"), first->id + 1));
+        ASSERT_TRUE(shown || rig.daemon().waitForOutput(kStopping));
+        sysd.release();
+        EXPECT_EQ(rig.daemon().waitExit(), exited(0));
+        if (shown)
+            continue;
+        EXPECT_EQ(rig.timeline().count(call("Start")), 0U);
+        EXPECT_EQ(rig.daemon().out(), kStarted + kApply + kStopped);
+        return;
+    }
+    FAIL() << "the logo thread was always the first";
+}
+
 TEST_F(Stop, byASignalWithAReplyThatNobodyReads)
 {
     ASSERT_NO_FATAL_FAILURE(fillTheLine());
