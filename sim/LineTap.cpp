@@ -50,16 +50,15 @@ void LineTap::attach()
     const std::pair<tDirection*, int> inputs[] = {{&mFromQv, mOuter.master()}, {&mFromDaemon, mDevice.line().master()}};
     for (const auto& [direction, fd] : inputs) {
         sd_event_source* source = nullptr;
-        if (sd_event_add_io(mDevice.loop().event(), &source, fd, EPOLLIN, onInput, direction) >= 0)
-            direction->input.reset(source);
+        if (sd_event_add_io(mDevice.loop().event(), &source, fd, EPOLLIN, onReady, direction) >= 0)
+            direction->source.reset(source);
     }
 }
 
 void LineTap::detach()
 {
     for (tDirection* direction : {&mFromQv, &mFromDaemon}) {
-        direction->input.reset();
-        direction->output.reset();
+        direction->source.reset();
         direction->waiting.clear();
         direction->cutter = {};
     }
@@ -70,49 +69,51 @@ int LineTap::target(const tDirection& direction) const
     return direction.fromQv ? mDevice.line().master() : mOuter.master();
 }
 
-int LineTap::onInput(sd_event_source* source, int fd, std::uint32_t, void* data) noexcept
+int LineTap::onReady(sd_event_source* source, int fd, std::uint32_t events, void* data) noexcept
 {
-    auto& direction = *static_cast<tDirection*>(data);
+    auto& in = *static_cast<tDirection*>(data);
+    LineTap& tap = *in.tap;
+    tDirection& out = in.fromQv ? tap.mFromDaemon : tap.mFromQv;
+    if ((events & EPOLLOUT) != 0)
+        tap.flush(out);
+    if ((events & ~std::uint32_t{EPOLLOUT}) != 0 && !tap.receive(in, fd))
+        sd_event_source_set_enabled(source, SD_EVENT_OFF);
+    tap.waitFor(in, out);
+    tap.waitFor(out, in);
+    return 0;
+}
+
+bool LineTap::receive(tDirection& direction, int fd)
+{
     std::array<std::uint8_t, 4096> chunk{};
     const ssize_t got = read(fd, chunk.data(), chunk.size());
-    if (got > 0)
-        direction.tap->forward(direction, qv::ByteView(chunk).first(static_cast<std::size_t>(got)));
-    else if (got == 0 || (errno != EAGAIN && errno != EINTR))
-        sd_event_source_set_enabled(source, SD_EVENT_OFF); // no more to come from this line
-    return 0;
-}
-
-int LineTap::onOutput(sd_event_source*, int fd, std::uint32_t, void* data) noexcept
-{
-    flush(*static_cast<tDirection*>(data), fd);
-    return 0;
-}
-
-void LineTap::forward(tDirection& direction, qv::ByteView bytes)
-{
+    if (got <= 0)
+        return got < 0 && (errno == EAGAIN || errno == EINTR);
+    const auto bytes = qv::ByteView(chunk).first(static_cast<std::size_t>(got));
     direction.cutter.feed(bytes);
     while (const auto wire = direction.cutter.next())
         record(direction, *wire);
-    if (direction.waiting.size() + bytes.size() > kWaitingLimit)
-        return;
     direction.waiting.append(bytes.begin(), bytes.end());
-    flush(direction, target(direction));
-    if (direction.waiting.empty() || direction.output != nullptr)
-        return;
-    sd_event_source* source = nullptr;
-    if (sd_event_add_io(mDevice.loop().event(), &source, target(direction), EPOLLOUT, onOutput, &direction) >= 0)
-        direction.output.reset(source);
+    flush(direction);
+    return true;
 }
 
-void LineTap::flush(tDirection& direction, int fd)
+void LineTap::flush(tDirection& direction) const
 {
     while (!direction.waiting.empty()) {
-        const ssize_t done = write(fd, direction.waiting.data(), direction.waiting.size());
+        const ssize_t done = write(target(direction), direction.waiting.data(), direction.waiting.size());
         if (done <= 0)
             return;
         direction.waiting.erase(0, static_cast<std::size_t>(done));
     }
-    direction.output.reset();
+}
+
+/// A side is read while the other one takes what comes, and written to while something waits for it.
+void LineTap::waitFor(const tDirection& in, const tDirection& out)
+{
+    if (in.source)
+        sd_event_source_set_io_events(in.source.get(), (in.waiting.size() < kWaitingLimit ? EPOLLIN : 0U) |
+                                                           (out.waiting.empty() ? 0U : EPOLLOUT));
 }
 
 void LineTap::record(const tDirection& direction, const qv::Bytes& wire)

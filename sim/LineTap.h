@@ -28,18 +28,18 @@ private:
         LineTap* tap = nullptr;
         bool fromQv = false;
         qv::FrameCutter cutter;
-        std::string waiting; ///< bytes that the other side has not taken yet
-        EventSourcePtr input;
-        EventSourcePtr output;
+        std::string waiting;   ///< bytes that the other side has not taken yet
+        EventSourcePtr source; ///< of the side that it reads from
     };
 
     void attach();
     void detach();
-    static int onInput(sd_event_source* source, int fd, std::uint32_t events, void* data) noexcept;
-    static int onOutput(sd_event_source* source, int fd, std::uint32_t events, void* data) noexcept;
+    static int onReady(sd_event_source* source, int fd, std::uint32_t events, void* data) noexcept;
     int target(const tDirection& direction) const;
-    void forward(tDirection& direction, qv::ByteView bytes);
-    static void flush(tDirection& direction, int fd);
+    /// False when there is no more to come.
+    bool receive(tDirection& direction, int fd);
+    void flush(tDirection& direction) const;
+    void waitFor(const tDirection& in, const tDirection& out);
     void record(const tDirection& direction, const qv::Bytes& wire);
     void describe(tEvent& event, const qv::tParsedFrame& frame, bool fromQv);
     std::string replyText(qv::ByteView payload) const;

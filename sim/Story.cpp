@@ -7,6 +7,8 @@
 #include "qv/Words.h"
 #include "sim/Show.h"
 
+#include <algorithm>
+#include <array>
 #include <csignal>
 #include <map>
 #include <sstream>
@@ -349,6 +351,17 @@ void Story::idleApplicationExits()
     const Match exit = call("Exit").to("idle");
     if (!mTimeline.waitForCount(exit, 3, 0, kPatience))
         fail("3 calls of Exit", std::to_string(mTimeline.count(exit)));
+    // The two set-ups and ShowQMX end in LoadConfig; the last of the three may be the first to be due.
+    constexpr std::array kDelays = {std::chrono::seconds{4}, std::chrono::seconds{4}, std::chrono::seconds{2}};
+    const std::vector<tEvent> causes = mTimeline.select(call("LoadConfig"));
+    std::array<Clock::duration, kDelays.size()> due{};
+    for (std::size_t i = 0; i < due.size(); ++i)
+        due[i] = causes.at(i).time + kDelays[i];
+    std::ranges::sort(due);
+    const std::vector<tEvent> exits = mTimeline.select(exit);
+    for (std::size_t i = 0; i < due.size(); ++i)
+        if (exits[i].time < due[i])
+            fail("no Exit before its time", "one came too early");
     seen("three times, as often as asked");
 }
 
