@@ -23,6 +23,14 @@ public:
         : mOrder(std::move(order))
     {}
 
+    /// "init": the device that it is to open, as a failure.
+    int init(tInitParams* params) override
+    {
+        if (!ordered("init").empty())
+            throw SerialException(params->device);
+        return SerialPhy::init(params);
+    }
+
     int readBlocking(unsigned char* buf, unsigned int len, int timeoutMs) override
     {
         breakAs("read");
@@ -41,15 +49,24 @@ private:
     /// "read-unknown": no failure of the port; "read-serial": one that leaves it open; "read-closed": closed.
     void breakAs(const std::string& where)
     {
-        std::string order;
-        if (!(std::ifstream(mOrder) >> order) || !order.starts_with(where))
+        const std::string order = ordered(where);
+        if (order.empty())
             return;
-        unlink(mOrder.c_str());
         if (order == where + "-unknown")
             throw std::bad_alloc();
         if (order == where + "-closed")
             close();
         throw SerialException("SerialPhy: broken by order");
+    }
+
+    /// The order, if it begins so; it is carried out once.
+    std::string ordered(const std::string& where) const
+    {
+        std::string order;
+        if (!(std::ifstream(mOrder) >> order) || !order.starts_with(where))
+            return "";
+        unlink(mOrder.c_str());
+        return order;
     }
 
     const std::string mOrder;

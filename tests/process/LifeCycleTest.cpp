@@ -174,6 +174,31 @@ TEST_P(WaitForSysDaemon, isNotCutShortByASignal)
     EXPECT_EQ(mRig.timeline().count(call("SaveConfig")), 1U);
 }
 
+TEST_F(LifeCycle, waitsATenthOfASecondBetweenAttemptsHoweverManySignalsCome)
+{
+    mRig.device().sysd().goAway();
+    const auto from = Clock::now();
+    mRig.start();
+    while (countOf(out(), kWaiting) < 11 && Clock::now() < from + kDeadline) {
+        mRig.daemon().waitExit(milliseconds{5});
+        if (countOf(out(), kWaiting) > 0) // its handlers are there
+            mRig.daemon().signal(SIGUSR1);
+    }
+    EXPECT_GE(Clock::now() - from, milliseconds{1000});
+    mRig.device().sysd().comeBack();
+    EXPECT_EQ(mRig.daemon().waitExit(), exited(0));
+}
+
+TEST_F(LifeCycle, asksForExactTimers)
+{
+    ASSERT_TRUE(mRig.serve());
+    std::ifstream slack("/proc/" + std::to_string(mRig.daemon().pid()) + "/timerslack_ns");
+    std::string ns;
+    ASSERT_TRUE(slack >> ns);
+    EXPECT_EQ(ns, "1");
+    EXPECT_EQ(mRig.stop(), exited(0));
+}
+
 const tAbsence kAbsences[] = {
     {"Absent", [](auto& sysd) { sysd.goAway(); }, [](auto& sysd) { sysd.comeBack(); }},
     {"NotReady", [](auto& sysd) { sysd.setReady(false); }, [](auto& sysd) { sysd.setReady(true); }},

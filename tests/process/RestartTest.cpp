@@ -13,7 +13,7 @@ using sim::exited;
 constexpr char kRestarting[] = "Vorlan: Run: failed, restarting...\n";
 constexpr char kNoDevice[] = "SManager: initBacked: SerialPhy::open: failed: No such file or directory\n";
 
-/// The daemon's link fails while it serves.
+/// The daemon's link fails.
 class Restart : public RigTest
 {
 protected:
@@ -121,6 +121,31 @@ TEST_F(Restart, takesDeviceAndRateOnce)
     ASSERT_TRUE(restarts(1));
     EXPECT_TRUE(mRig.serves());
     EXPECT_EQ(mRig.timeline().count(sim::match::call("GetCfgString", "\"VorlanDev\"")), 1U);
+}
+
+TEST_F(Restart, doesNotStartTheVisualisationAgain)
+{
+    ASSERT_NO_FATAL_FAILURE(serve());
+    ASSERT_TRUE(mRig.playStory());
+    order("read-unknown");
+    ASSERT_TRUE(restarts(1));
+    ASSERT_TRUE(mRig.serves());
+    EXPECT_EQ(mRig.ask(readReg(wire::eRegRdCfgApplied)), "00 01");
+    ASSERT_TRUE(mRig.tellStory()); // ApplyConfig applies it again, without the logos
+    for (const auto& [member, times] : {std::pair{"Start", 1U}, {"ConfigureNetwork", 1U}, {"LoadConfig", 2U}})
+        EXPECT_EQ(mRig.timeline().count(sim::match::call(member)), times) << member;
+    EXPECT_EQ(mRig.stop(), exited(0));
+}
+
+TEST_F(Restart, aRateAloneMeansTheFirstSerialPort)
+{
+    order("init");
+    sim::Daemon::tOptions options;
+    options.environment["VORLAN_BREAK"] = orderPath();
+    options.arguments = {"-b", "115200"};
+    mRig.start(options);
+    EXPECT_EQ(mRig.daemon().waitExit(), exited(0));
+    EXPECT_EQ(linesWithout(mRig.daemon().err(), "SDBusManager: "), "SManager: initBacked: /dev/ttyS0\n");
 }
 
 TEST_F(Restart, goesOnOnceASecondWhileTheDeviceIsMissing)

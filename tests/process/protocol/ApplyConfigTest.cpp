@@ -190,8 +190,9 @@ TEST_F(ApplyConfigTest, AnAddressThatComesWhileTheUrlIsReadIsTheOneThatIsApplied
     const sim::Desktop& desktop = mRig.device().desktop();
     ASSERT_TRUE(desktop.waitForService());
     tell(req::address("10.0.0.6"));
-    while (desktop.property("IpAddrQV").raw == "10.0.0.5") {
-    }
+    const auto end = rig::Clock::now() + rig::kDeadline;
+    while (desktop.property("IpAddrQV").raw == "10.0.0.5")
+        ASSERT_LT(rig::Clock::now(), end);
     sysd().setBehaviour("GetCfgString", sim::tBehaviour::normal());
     sysd().release();
     EXPECT_EQ("01", reply());

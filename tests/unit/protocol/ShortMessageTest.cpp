@@ -1,6 +1,9 @@
-// Messages that are too short to come over the line, where a frame holds at least two bytes of payload.
+// Messages handed to the dispatcher as they are: too short for the line, where a frame holds at least two bytes of
+// payload, or with an effect that only this process can see.
 
 #include "core/Vorlan.h"
+#include "core/VorlanCfg.h"
+#include "dbus/SDBusClients.h"
 #include "link/SManager.h"
 #include "qv/Frame.h"
 #include "sim/Device.h"
@@ -9,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <csignal>
 #include <functional>
 #include <mutex>
 #include <sstream>
@@ -17,6 +21,22 @@
 #include <vector>
 
 using testing::ElementsAre;
+
+namespace {
+
+std::vector<int> sHandled; ///< signals for which a handler was set
+
+} // namespace
+
+// The linker leads signal() to here.
+sighandler_t realSignal(int number, sighandler_t handler) asm("__real_signal");
+sighandler_t recordedSignal(int number, sighandler_t handler) asm("__wrap_signal");
+
+sighandler_t recordedSignal(int number, sighandler_t handler)
+{
+    sHandled.push_back(number);
+    return realSignal(number, handler);
+}
 
 namespace {
 
@@ -67,8 +87,10 @@ private:
 struct tOutcome
 {
     bool accepted = false;
+    std::string thrown; ///< the exception's text, and whether the request loop goes on
     std::vector<Bytes> replies;
     std::string err;
+    std::size_t starts = 0; ///< of the visualisation
 };
 
 /// Without the lines of the status service, which come from its own thread when they like.
@@ -83,19 +105,26 @@ std::string controllersLines(const std::string& err)
     return out;
 }
 
-/// One message handed to the dispatcher as it is.
-tOutcome dispatched(Bytes message)
+/// Messages handed to a fresh dispatcher as they are; accepted is what it says of the last one.
+tOutcome dispatchedInTurn(std::vector<Bytes> messages)
 {
     static sim::Device device;
     device.useInThisProcess();
+    SDBusClients::smpInstance.reset(); // those of an earlier dispatcher are stopped
     sRunning = true;
     tOutcome outcome;
+    const std::size_t from = device.timeline().mark();
     ScriptedLine* line = nullptr;
     {
         Vorlan vorlan;
         line = new ScriptedLine([&] {
             testing::internal::CaptureStderr();
-            outcome.accepted = vorlan.parse(message);
+            try {
+                for (Bytes& message : messages)
+                    outcome.accepted = vorlan.parse(message);
+            } catch (const VorlanException& e) {
+                outcome.thrown = std::string(e.what()) + (e.keepRunning != 0 ? " on" : " end");
+            }
             outcome.err = controllersLines(testing::internal::GetCapturedStderr());
         });
         SManager::registerSerialBackend(line);
@@ -104,7 +133,13 @@ tOutcome dispatched(Bytes message)
         vorlan.run();
     }
     outcome.replies = line->replies();
+    outcome.starts = device.timeline().count(sim::match::call("ConfigureNetwork"), from);
     return outcome;
+}
+
+tOutcome dispatched(const Bytes& message)
+{
+    return dispatchedInTurn({message});
 }
 
 } // namespace
@@ -161,4 +196,49 @@ TEST(ShortMessage, AReadOfAnUnknownAddressSaysSoAndGetsNoReply)
     const tOutcome outcome = dispatched({0x00, 0x0A});
     EXPECT_FALSE(outcome.accepted);
     EXPECT_TRUE(outcome.replies.empty());
+}
+
+TEST(DispatchedMessage, TheStartOfAnUpdateEndsTheRequestLoop)
+{
+    const tOutcome outcome = dispatched({0x02, 0x04});
+    EXPECT_EQ("Updating... end", outcome.thrown);
+    EXPECT_THAT(outcome.replies, ElementsAre(Bytes{0x02}));
+}
+
+TEST(DispatchedMessage, TheControllerAsksForThreeSignals)
+{
+    sHandled.clear();
+    const Vorlan vorlan;
+    EXPECT_THAT(sHandled, ElementsAre(SIGTERM, SIGKILL, SIGUSR1));
+}
+
+TEST(StoredValues, AreThoseOfTheLastAcceptedWrite)
+{
+    const auto cfg = VorlanCfg::cfg();
+    EXPECT_TRUE(dispatched({0x01, 0x00, 7}).accepted);
+    EXPECT_EQ(7, cfg->QVProtVersion);
+    EXPECT_FALSE(dispatched({0x01, 0x00, 8, 0}).accepted);
+    EXPECT_EQ(7, cfg->QVProtVersion);
+    EXPECT_TRUE(dispatched({0x01, 0x03, 'o', 'n', 'e', 0}).accepted);
+    EXPECT_TRUE(dispatched({0x01, 0x04, 't', 'w', 'o', 0}).accepted);
+    EXPECT_FALSE(dispatched({0x01, 0x04, 'c', 'u', 't'}).accepted);
+    EXPECT_EQ("one", cfg->QVText1);
+    EXPECT_EQ("two", cfg->QVText2);
+}
+
+TEST(StoredValues, AStatusThatIsStoredAlreadyDoesNotEvenTryToStart)
+{
+    const std::vector<Bytes> start = {{0x02, 0x00, 0, 0, 0, 12, 1, 6, 24, 0},
+                                      {0x01, 0x02, '1', '0', '.', '0', '.', '0', '.', '5', 0},
+                                      {0x02, 0x03},
+                                      {0x01, 0x01, 4}};
+    const auto cfg = VorlanCfg::cfg();
+    for (const unsigned int stored : {4U, 0U}) {
+        cfg->StatusQV = stored;
+        cfg->IpAddrQV.set("");
+        const tOutcome outcome = dispatchedInTurn(start);
+        EXPECT_TRUE(outcome.accepted);
+        EXPECT_EQ(stored == 4 ? 0U : 1U, outcome.starts);
+        EXPECT_EQ(4U, cfg->StatusQV);
+    }
 }
