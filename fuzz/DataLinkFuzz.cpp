@@ -36,7 +36,7 @@ public:
     {
         if (mLeft == 0)
             throw std::runtime_error("end of input");
-        const std::size_t count = std::min<std::size_t>({*mData % 65U, mLeft - 1, len});
+        const auto count = std::min<std::size_t>({*mData % 65U, mLeft - 1, len});
         std::memcpy(buf, mData + 1, count);
         mData += 1 + count;
         mLeft -= 1 + count;
