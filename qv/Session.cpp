@@ -453,9 +453,6 @@ try {
 } catch (const std::invalid_argument& error) {
     mErr << mWhere << error.what() << '\n';
     return eStatusUsage;
-} catch (const LineError& error) {
-    mErr << "the line cannot be used: " << error.what() << '\n';
-    return eStatusNoAnswer;
 }
 
 int Session::runLine(const std::string& line)

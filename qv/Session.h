@@ -38,7 +38,7 @@ struct tSessionOptions
 };
 
 /// The commands of vorlan-qv on one link, for the command line, the prompt and boot files. Results go to `out`, what
-/// went wrong and what to try to `err`. The operations give a StatusE and throw RequestError, ValueError and LineError.
+/// went wrong and what to try to `err`. The operations give a StatusE and throw RequestError and ValueError.
 class Session
 {
 public:
