@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <getopt.h>
+#include <malloc.h>
 #include <sys/prctl.h>
 #include <unistd.h>
 
@@ -12,6 +13,8 @@
 #include <string>
 
 namespace {
+
+constexpr int kLargeBlock = 128 * 1024; ///< bytes; larger ones do not live in the heap
 
 struct tOptions
 {
@@ -78,6 +81,7 @@ int main(int argc, char** argv)
     std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ); // a line is one write, whatever standard output is
     std::signal(SIGPIPE, SIG_IGN);                 // nor does it matter whether anybody reads it
     prctl(PR_SET_TIMERSLACK, 1UL);                 // ns: the settle pause of the line is short
+    mallopt(M_MMAP_THRESHOLD, kLargeBlock); // fixed: a flood's buffers go back to the system, whatever came before
     std::puts("kelvora vorlan daemon started");
     const tOptions options = parseOptions(argc, argv);
     Vorlan vorlan;
