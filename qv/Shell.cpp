@@ -293,17 +293,20 @@ std::string defaultHistoryFile()
 int runShell(Session& session, const tShellOptions& options)
 {
     int status = eStatusDone;
-    const StopOnSignal stop(session);
     const auto run = [&](const std::string& line) {
         const auto done = runTyped(session, line, options.extra);
         status = done.value_or(status);
         return done.has_value();
     };
     if (isatty(STDIN_FILENO) == 0) {
-        for (std::string line; !session.stopped() && std::getline(std::cin, line) && run(line);) {
+        bool goesOn = true;
+        for (std::string line; goesOn && std::getline(std::cin, line);) {
+            const StopOnSignal stop(session); // between two commands the signal ends the program
+            goesOn = run(line) && !session.stopped();
         }
         return session.stopped() ? eStatusNoAnswer : status;
     }
+    const StopOnSignal stop(session);
     LineInput input([&](const std::string& before,
                         const std::string& word) { return completions(wordsBefore(before), word, options.extra); },
                     options.historyFile);
@@ -326,6 +329,7 @@ StopOnSignal::StopOnSignal(Session& session)
     struct sigaction action
     {};
     action.sa_handler = stopSession;
+    action.sa_flags = SA_RESTART; // a stream whose writing is cut short takes nothing more; waiting ends all the same
     sigaction(SIGINT, &action, &sOldInterrupt);
 }
 

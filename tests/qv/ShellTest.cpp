@@ -3,6 +3,7 @@
 #include <poll.h>
 #include <pty.h>
 #include <sys/wait.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -42,6 +43,10 @@ protected:
         mShown.clear();
         mPid = forkpty(&mTerminal, nullptr, nullptr, &size);
         if (mPid == 0) {
+            termios settings{}; // a Ctrl-C must not make the terminal drop what the program says to it
+            tcgetattr(STDIN_FILENO, &settings);
+            settings.c_lflag |= static_cast<tcflag_t>(NOFLSH);
+            tcsetattr(STDIN_FILENO, TCSANOW, &settings);
             std::array<char*, 3> environment{const_cast<char*>(home.c_str()), const_cast<char*>("TERM=dumb"), nullptr};
             execve(argv[0], argv.data(), environment.data());
             _exit(127);
