@@ -128,6 +128,14 @@ std::vector<std::string> Service::memberNames() const
     return out;
 }
 
+std::vector<Service::tShape> Service::memberShapes() const
+{
+    std::vector<tShape> out;
+    for (const tMember& member : mMembers)
+        out.push_back({member.name, member.in, member.out});
+    return out;
+}
+
 void Service::shutDown()
 {
     mLoop.call([this] {

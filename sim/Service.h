@@ -58,6 +58,14 @@ public:
 
     /// Methods and properties.
     std::vector<std::string> memberNames() const;
+    /// Name and D-Bus types of arguments and answer, of each.
+    struct tShape
+    {
+        std::string name;
+        std::string in;
+        std::string out;
+    };
+    std::vector<tShape> memberShapes() const;
     /// member "*" stands for every member that has no behaviour of its own. A property goes by its name.
     void setBehaviour(const std::string& member, const tBehaviour& behaviour);
     void clearBehaviour();
