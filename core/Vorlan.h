@@ -137,11 +137,12 @@ private:
     std::shared_ptr<SDBusApp> mpApp;
     std::shared_ptr<SDBusSysD> mpSysD;
     std::unique_ptr<SDBusManager> mpService;
-    std::unique_ptr<std::map<std::string, NetConf>> mpNetConfs; ///< last settings received, by interface
+    std::unique_ptr<std::map<std::string, NetConf>>
+        mpNetConfs; ///< last settings received, by interface; kept, not read
     std::string mDevice;
     unsigned int mBaudrate = 0; ///< 0: not given
 
-    // Set once and never reset while the process lives. Those that the logo thread shares are atomic.
+    // No restart of the link resets any of these. Those that the logo thread shares are atomic.
     bool mTimeReceived = false;
     bool mQVIpAddrReceived = false;
     bool mApplyConfigRequested = false;
@@ -157,7 +158,7 @@ private:
 
     std::mutex mApplyMutex;  ///< applyCfg runs as a whole
     std::mutex mQVAddrMutex; ///< a change of QV's address comes before or after a URL's rewriting, never between
-    std::unique_ptr<SDBusLogoHandler> mpLogoHandler; ///< made before the logo thread, gone after it
+    std::unique_ptr<SDBusLogoHandler> mpLogoHandler; ///< made before the logo thread, outlives it
     std::thread mLogoThread;
     std::atomic<bool> mStopping = false;
 };

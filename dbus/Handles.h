@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <memory>
-#include <utility>
 
 // Owners of the C handles of libsystemd and of file descriptors.
 
@@ -51,25 +50,19 @@ private:
     sd_bus_error mError{};
 };
 
-/// A file descriptor, closed with its owner; -1 is none.
+/// A file descriptor, closed with its owner; a negative one is none.
 class UniqueFd
 {
 public:
-    explicit UniqueFd(int fd = -1)
+    explicit UniqueFd(int fd)
         : mFd(fd)
     {}
+    UniqueFd(const UniqueFd&) = delete;
+    UniqueFd& operator=(const UniqueFd&) = delete;
     ~UniqueFd()
     {
-        if (mFd != -1)
+        if (mFd >= 0)
             close(mFd);
-    }
-    UniqueFd(UniqueFd&& other) noexcept
-        : mFd(std::exchange(other.mFd, -1))
-    {}
-    UniqueFd& operator=(UniqueFd&& other) noexcept
-    {
-        std::swap(mFd, other.mFd);
-        return *this;
     }
 
     int get() const { return mFd; }

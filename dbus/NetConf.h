@@ -19,6 +19,4 @@ struct NetConf
 
     bool hasDnsServer() const { return !dnsServer0.empty() || !dnsServer1.empty() || !dnsServer2.empty(); }
     bool isDnsActivated() const { return dnsMode == 1 || (dnsMode == 0 && hasDnsServer()); }
-
-    friend bool operator==(const NetConf&, const NetConf&) = default;
 };

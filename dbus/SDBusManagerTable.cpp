@@ -50,7 +50,7 @@ int property(sd_bus*, const char*, const char*, const char*, sd_bus_message* rep
     try {
         auto& service = *static_cast<SDBusManager*>(self);
         const int result = Getter(service, reply);
-        // a stopping client answers its getters without having asked: better no value than a wrong one
+        // After a stop the system daemon's client gives defaults without asking: better no value than a wrong one.
         return service.isStopRequested() ? -ECANCELED : result;
     } catch (const std::exception&) {
         return -ENOMEM;

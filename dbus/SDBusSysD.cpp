@@ -1,10 +1,8 @@
 #include "dbus/SDBusSysD.h"
 
 #include <cerrno>
-#include <charconv>
 #include <chrono>
 #include <cstdio>
-#include <iterator>
 
 namespace {
 
@@ -14,25 +12,6 @@ constexpr char kPath[] = "/com/kelvora/sysdaemon";
 // Whoever reads the log knows the two prefixes; which operation uses which is part of the log's format.
 constexpr char kSysD[] = "SDBusSysD";
 constexpr char kSysDCtrl[] = "SysDDBusCtrl";
-
-/// A parameter's identifier as text, without an allocation.
-class Decimal
-{
-public:
-    explicit Decimal(std::uint32_t number)
-        : mLength(static_cast<std::size_t>(std::to_chars(mDigits, std::end(mDigits), number).ptr - mDigits))
-    {}
-    operator std::string_view() const { return {mDigits, mLength}; }
-
-private:
-    char mDigits[10];
-    std::size_t mLength;
-};
-
-const char* asArgument(const std::string& text)
-{
-    return text.c_str();
-}
 
 } // namespace
 
@@ -81,7 +60,7 @@ MessagePtr SDBusSysD::newCall(const char* member)
 }
 
 /// Waits for the answer even when the caller has no use for it.
-int SDBusSysD::call(sd_bus_message* message, MessagePtr* reply)
+int SDBusSysD::callAndWait(sd_bus_message* message, MessagePtr* reply)
 {
     if (message == nullptr)
         return -EINVAL;
@@ -153,7 +132,7 @@ void SDBusSysD::invoke(const tCall& call, const char* signature, Args... args)
     if (mStopped)
         return;
     const MessagePtr message = prepare(call, signature, args...);
-    if (this->call(message.get(), nullptr) < 0)
+    if (callAndWait(message.get(), nullptr) < 0)
         call.logFailure();
 }
 
@@ -167,7 +146,7 @@ void SDBusSysD::fetch(const tCall& call, char type, T& value, const char* signat
         return;
     const MessagePtr message = prepare(call, signature, args...);
     MessagePtr reply;
-    if (this->call(message.get(), &reply) < 0)
+    if (callAndWait(message.get(), &reply) < 0)
         call.logFailure();
     if constexpr (std::is_same_v<T, std::string>) {
         const char* text = nullptr;
@@ -263,72 +242,76 @@ void SDBusSysD::getIpAddress(std::string& address)
 bool SDBusSysD::getParamBool(ParamE param)
 {
     int value = 0;
-    fetch({kSysD, "GetParamBool", "Failed to get param: ", Decimal(param)}, 'b', value, "u", std::uint32_t{param});
+    fetch({kSysD, "GetParamBool", "Failed to get param: ", std::to_string(param)}, 'b', value, "u",
+          std::uint32_t{param});
     return value != 0;
 }
 
 int SDBusSysD::getParamInt(ParamE param)
 {
     int value = 0;
-    fetch({kSysD, "GetParamInt", "Failed to get param: ", Decimal(param)}, 'i', value, "u", std::uint32_t{param});
+    fetch({kSysD, "GetParamInt", "Failed to get param: ", std::to_string(param)}, 'i', value, "u",
+          std::uint32_t{param});
     return value;
 }
 
 std::string SDBusSysD::getParamString(ParamE param)
 {
     std::string value;
-    fetch({kSysD, "GetParamString", "Failed to get param: ", Decimal(param)}, 's', value, "u", std::uint32_t{param});
+    fetch({kSysD, "GetParamString", "Failed to get param: ", std::to_string(param)}, 's', value, "u",
+          std::uint32_t{param});
     return value;
 }
 
 void SDBusSysD::setParamBool(ParamE param, bool value)
 {
-    invoke({kSysD, "SetParamBool", "Failed to set param: ", Decimal(param)}, "ub", std::uint32_t{param}, int{value});
+    invoke({kSysD, "SetParamBool", "Failed to set param: ", std::to_string(param)}, "ub", std::uint32_t{param},
+           int{value});
 }
 
 void SDBusSysD::setParamInt(ParamE param, int value)
 {
-    invoke({kSysD, "SetParamInt", "Failed to set param: ", Decimal(param)}, "ui", std::uint32_t{param}, value);
+    invoke({kSysD, "SetParamInt", "Failed to set param: ", std::to_string(param)}, "ui", std::uint32_t{param}, value);
 }
 
 void SDBusSysD::setParamString(ParamE param, const std::string& value)
 {
-    invoke({kSysD, "SetParamString", "Failed to set param: ", Decimal(param)}, "us", std::uint32_t{param},
-           asArgument(value));
+    invoke({kSysD, "SetParamString", "Failed to set param: ", std::to_string(param)}, "us", std::uint32_t{param},
+           value.c_str());
 }
 
 int SDBusSysD::getCfgInt(const std::string& key)
 {
     int value = 0;
-    fetch({kSysD, "GetCfgInt", "Failed to get cfg: ", key}, 'i', value, "s", asArgument(key));
+    fetch({kSysD, "GetCfgInt", "Failed to get cfg: ", key}, 'i', value, "s", key.c_str());
     return value;
 }
 
 bool SDBusSysD::getCfgBool(const std::string& key)
 {
     int value = 0;
-    fetch({kSysD, "GetCfgBool", "Failed to get cfg: ", key}, 'b', value, "s", asArgument(key));
+    fetch({kSysD, "GetCfgBool", "Failed to get cfg: ", key}, 'b', value, "s", key.c_str());
     return value != 0;
 }
 
 std::string SDBusSysD::getCfgString(const std::string& key)
 {
     std::string value;
-    fetch({kSysD, "GetCfgString", "Failed to get cfg: ", key}, 's', value, "s", asArgument(key));
+    fetch({kSysD, "GetCfgString", "Failed to get cfg: ", key}, 's', value, "s", key.c_str());
     return value;
 }
 
 void SDBusSysD::setCfgString(const std::string& key, const std::string& value)
 {
-    invoke({kSysD, "SetCfgString", "Failed to set cfg: ", key}, "ss", asArgument(key), asArgument(value));
+    invoke({kSysD, "SetCfgString", "Failed to set cfg: ", key}, "ss", key.c_str(), value.c_str());
 }
 
 void SDBusSysD::setCfgInt(const std::string& key, int value)
 {
-    invoke({kSysD, "SetCfgInt", "Failed to set cfg: ", key}, "si", asArgument(key), value);
+    invoke({kSysD, "SetCfgInt", "Failed to set cfg: ", key}, "si", key.c_str(), value);
 }
 
 void SDBusSysD::addCfgVar(const std::string& key)
 {
-    invoke({kSysD, "AddCfgVar", "Failed to add cfg var: ", key}, "s", asArgument(key));
+    invoke({kSysD, "AddCfgVar", "Failed to add cfg var: ", key}, "s", key.c_str());
 }

@@ -75,7 +75,7 @@ private:
 
     int openBus();
     MessagePtr newCall(const char* member);
-    int call(sd_bus_message* message, MessagePtr* reply);
+    int callAndWait(sd_bus_message* message, MessagePtr* reply);
     int awaitAnswer(std::uint64_t cookie, MessagePtr& answer);
 
     BusPtr mBus; ///< null when opening failed; used under mMutex

@@ -94,6 +94,6 @@ void SDBusSysD::configureNetIf(const std::string& interface, const NetConf& conf
         log("Failed to close SD_BUS_TYPE_ARRAY container");
         return log(kCallFailed);
     }
-    if (call(message.get(), nullptr) < 0)
+    if (callAndWait(message.get(), nullptr) < 0)
         log(kCallFailed);
 }

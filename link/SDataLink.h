@@ -64,8 +64,8 @@ private:
     void threadedReply(const tBytes* frame);
 
     std::unique_ptr<SFrame> mpFrame;
-    pthread_t mReplyThread{}; ///< no std::thread: freeing its state would cost each reply an allocator of its own
-    bool mReplying = false;   ///< mReplyThread is to be joined
+    pthread_t mReplyThread{};            ///< no std::thread: its state, freed there, would give each thread a heap
+    bool mReplying = false;              ///< mReplyThread is to be joined
     std::unique_ptr<tBytes> mpLastReply; ///< read by the reply thread, so replaced only after joining it
     std::uint8_t mSequence = 0;          ///< of the last frame sent, or of the last reset frame received
     bool mSynchronised = false;

@@ -22,7 +22,7 @@ public:
     /// The registered backend, owned by the registry; null when there is none.
     static SerialIf* getSerialBackend();
 
-    /// Opens the registered backend. False, with a line on standard error when it threw, if that is not possible.
+    /// Opens the registered backend. False when it cannot; if it threw, a line on standard error says why.
     bool initBackend();
 
 private:

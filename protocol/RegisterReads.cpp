@@ -22,6 +22,8 @@ ParamE listEntry(ParamE count, int index)
     return static_cast<ParamE>(count + 1U + static_cast<std::uint32_t>(index));
 }
 
+constexpr int kMaxListEntries = 0x10000; ///< whatever the system daemon says: each costs two bus calls
+
 } // namespace
 
 /// An unknown address gets no reply at all, unlike a write to one.
@@ -64,11 +66,7 @@ void Vorlan::readParamText()
     reply(false, wire::eCmdReadReg, mpSysD->getParamString(eParamRegText127));
 }
 
-// Both lists ask for their length before each element: it may change while they are read. What a length beyond all
-// reason would make of the reply, the largest one bounds.
-namespace {
-constexpr int kMaxListEntries = 0x10000;
-}
+// Both lists ask for their length before each element: it may change while they are read.
 
 void Vorlan::readHundredthsList()
 {
