@@ -1,7 +1,9 @@
 #include "tests/process/RigTest.h"
 
+#include <atomic>
 #include <csignal>
 #include <fstream>
+#include <thread>
 
 namespace {
 
@@ -370,6 +372,37 @@ TEST_F(LifeCycle, aRequestThatWaitedForTheStartIsServed)
     EXPECT_EQ(mRig.daemon().waitExit(), exited(0));
     EXPECT_EQ(hex(mRig.leftovers()), hex(qv::toWire(qv::buildFrame(4, qv::Bytes{wire::eCmdCall}))));
     EXPECT_EQ(mRig.timeline().count(call("SysUpdate")), 1U);
+}
+
+TEST_F(LifeCycle, theDesktopMayReadAllTheTime)
+{
+    mRig.device().logo().setDuration({});
+    ASSERT_TRUE(mRig.serve());
+    ASSERT_TRUE(mRig.device().desktop().waitForService());
+    ASSERT_TRUE(mRig.tellStory());
+    ASSERT_TRUE(mRig.timeline().waitFor(call("Start")));
+    std::atomic<bool> end = false;
+    std::atomic<unsigned> failed = 0;
+    std::vector<std::jthread> readers;
+    for (int i = 0; i < 3; ++i) {
+        readers.emplace_back([&] {
+            while (!end)
+                failed += mRig.device().desktop().allProperties().size() == 9 ? 0U : 1U;
+        });
+    }
+    for (int i = 0; i < 40; ++i) {
+        EXPECT_EQ(mRig.ask(rig::writeReg(wire::eRegWrQVStatus, {static_cast<std::uint8_t>(i % 2)})), "01");
+        EXPECT_EQ(mRig.ask(rig::writeReg(wire::eRegWrQVIpAddr, text("10.0.0." + std::to_string(i)))), "01");
+        if (i == 20)
+            mRig.device().logo().finish();
+    }
+    EXPECT_TRUE(mRig.timeline().waitFor(call("LoadConfig")));
+    end = true;
+    readers.clear();
+    EXPECT_EQ(failed, 0U);
+    EXPECT_EQ(mRig.device().desktop().property("StatusQV").raw, "1");
+    EXPECT_EQ(mRig.device().desktop().property("IpAddrQV").raw, "10.0.0.39");
+    EXPECT_EQ(mRig.stop(), exited(0));
 }
 
 } // namespace
