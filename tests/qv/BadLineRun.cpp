@@ -355,6 +355,8 @@ private:
             mReadsAsked += event.kind == qv::TraceE::eRequest && event.frame.payload[0] == wire::eCmdReadReg ? 1U : 0U;
             if (event.attempt > 1 && !mGood && !mOver && mRandom() % kMendEvery == 0)
                 mend();
+            if (mGood && mPeer.counts().sent - mGoodSince > kMaxFramesToStep / 2)
+                mPeer.setTimeout(sim::kDeadline); // so many without an answer: the machine stands still
         } else if (!event.frame.bytes.empty() && event.frame.ok()) {
             noteEscape(mFinder.qvGets(event.frame), mFigures.escapesIn);
         }
