@@ -277,6 +277,7 @@ protected:
     std::uint8_t mNumber = 0;
 };
 
+#ifndef __SANITIZE_THREAD__ // which has a new thread go first, always
 /// The gate opens with the last request, and the daemon ends while the logo thread announces ShowLogos.
 TEST_F(Stop, keepsTheLogosFromStarting)
 {
@@ -315,6 +316,7 @@ TEST_F(Stop, keepsTheLogosFromStarting)
     }
     FAIL() << "the logo thread was always too early or too late";
 }
+#endif
 
 TEST_F(Stop, byASignalWithAReplyThatNobodyReads)
 {
