@@ -13,17 +13,17 @@ Bytes cobsEncode(ByteView data)
     Bytes out;
     out.reserve(data.size() + data.size() / kGroupMax + 1);
     for (;;) {
-        const auto zero = std::find(data.begin(), data.end(), std::uint8_t{0});
-        const auto run = static_cast<std::size_t>(zero - data.begin());
-        const auto taken = std::min(run, kGroupMax);
+        const ByteView group = data.first(std::min(data.size(), kGroupMax));
+        const auto zero = std::find(group.begin(), group.end(), std::uint8_t{0});
+        const auto taken = static_cast<std::size_t>(zero - group.begin());
         out.push_back(static_cast<std::uint8_t>(taken + 1));
-        out.insert(out.end(), data.begin(), data.begin() + static_cast<std::ptrdiff_t>(taken));
+        out.insert(out.end(), group.begin(), zero);
         if (taken == kGroupMax) { // a full group stands for no zero, and needs no group after it
             data = data.subspan(taken);
             if (data.empty()) {
                 return out;
             }
-        } else if (run == data.size()) {
+        } else if (taken == data.size()) {
             return out;
         } else { // the zero is in the code byte; if it was the last byte, an empty group follows
             data = data.subspan(taken + 1);
