@@ -43,6 +43,16 @@ protected:
         return false;
     }
 
+    /// The daemon, which was told to stop, ends now that nothing holds it up any more.
+    void expectEnd(const std::string& how, const std::string& stage)
+    {
+        constexpr milliseconds kBound{4000};
+        const auto from = Clock::now();
+        EXPECT_EQ(mRig.daemon().waitExit(kBound), exited(0));
+        record("stop by " + how + ": " + stage, "the start is finished first, status 0", kBound,
+               std::chrono::ceil<milliseconds>(Clock::now() - from));
+    }
+
     std::string out() { return mRig.daemon().out(); }
     std::string err() { return mRig.daemon().err(); }
     /// Standard error without the lines of the status service, which writes on a thread of its own.
@@ -126,6 +136,7 @@ INSTANTIATE_TEST_SUITE_P(LifeCycle, StartCode,
 struct tAbsence
 {
     const char* name;
+    const char* words;
     void (*begin)(sim::SysDaemon& sysd);
     void (*end)(sim::SysDaemon& sysd);
 };
@@ -168,12 +179,25 @@ TEST_P(WaitForSysDaemon, isNotCutShortByASignal)
     const std::size_t soFar = countOf(out(), kWaiting);
     ASSERT_TRUE(mRig.daemon().waitForOutput(kWaiting, kDeadline, soFar + 5));
     end();
-    EXPECT_EQ(mRig.daemon().waitExit(), exited(0));
+    expectEnd("SIGTERM", std::string("waiting for the system daemon, ") + GetParam().words);
     EXPECT_EQ(out(), kStarted + waitingLines() + kStopped);
     EXPECT_EQ(errOfMain(), "");
     // the start was made whole: the start code is used up, and the line was opened
     EXPECT_EQ(systemBusCalls().back(), kFirstCalls.back());
     EXPECT_EQ(mRig.timeline().count(call("SaveConfig")), 1U);
+}
+
+TEST_F(LifeCycle, readsItsStartParametersToTheEndWhenASignalComes)
+{
+    mRig.device().sysd().setBehaviour("GetCfgBool", sim::tBehaviour::held());
+    mRig.start();
+    ASSERT_TRUE(mRig.timeline().waitFor(call("GetCfgBool")));
+    ASSERT_TRUE(signalTaken(SIGTERM));
+    mRig.device().sysd().release();
+    expectEnd("SIGTERM", "start parameters being read");
+    EXPECT_EQ(systemBusCalls(), kFirstCalls);
+    EXPECT_EQ(out(), std::string(kStarted) + kStopped);
+    EXPECT_EQ(errOfMain(), "");
 }
 
 TEST_F(LifeCycle, waitsATenthOfASecondBetweenAttemptsHoweverManySignalsCome)
@@ -202,11 +226,13 @@ TEST_F(LifeCycle, asksForExactTimers)
 }
 
 const tAbsence kAbsences[] = {
-    {"Absent", [](auto& sysd) { sysd.goAway(); }, [](auto& sysd) { sysd.comeBack(); }},
-    {"NotReady", [](auto& sysd) { sysd.setReady(false); }, [](auto& sysd) { sysd.setReady(true); }},
-    {"Erring", [](auto& sysd) { sysd.setBehaviour("Ready", sim::tBehaviour::error()); },
+    {"Absent", "which is absent", [](auto& sysd) { sysd.goAway(); }, [](auto& sysd) { sysd.comeBack(); }},
+    {"NotReady", "which is not ready", [](auto& sysd) { sysd.setReady(false); },
+     [](auto& sysd) { sysd.setReady(true); }},
+    {"Erring", "which answers with errors", [](auto& sysd) { sysd.setBehaviour("Ready", sim::tBehaviour::error()); },
      [](auto& sysd) { sysd.clearBehaviour(); }},
-    {"OfWrongType", [](auto& sysd) { sysd.setBehaviour("Ready", sim::tBehaviour::wrongType()); },
+    {"OfWrongType", "which answers with a wrong type",
+     [](auto& sysd) { sysd.setBehaviour("Ready", sim::tBehaviour::wrongType()); },
      [](auto& sysd) { sysd.clearBehaviour(); }},
 };
 
@@ -369,7 +395,7 @@ TEST_F(LifeCycle, aRequestThatWaitedForTheStartIsServed)
     mRig.peer().sendFrame(qv::kResetFlag | 3U, rig::call(wire::eMethodStartUpdate));
     ASSERT_TRUE(mRig.daemon().waitForOutput(kWaiting, kDeadline, 2));
     mRig.device().sysd().comeBack();
-    EXPECT_EQ(mRig.daemon().waitExit(), exited(0));
+    expectEnd("method 4", "waiting for the system daemon, which is absent");
     EXPECT_EQ(hex(mRig.leftovers()), hex(qv::toWire(qv::buildFrame(4, qv::Bytes{wire::eCmdCall}))));
     EXPECT_EQ(mRig.timeline().count(call("SysUpdate")), 1U);
 }
