@@ -2,7 +2,7 @@
 # as the working directory.
 
 kCompile=(g++ cmake ninja-build libsystemd-dev)
-kTools=(libcli11-dev libreadline-dev nlohmann-json3-dev dbus)
+kTools=(libcli11-dev libreadline-dev dbus)
 kTests=(libgtest-dev libgmock-dev)
 
 say() { printf '== %s\n' "$*"; }
@@ -12,13 +12,14 @@ die() {
     exit 1
 }
 
+may_install() { [ "$(id -u)" -eq 0 ] || command -v sudo >/dev/null; }
+
 as_root() {
+    may_install || die "needs root or sudo: $*"
     if [ "$(id -u)" -eq 0 ]; then
         "$@"
-    elif command -v sudo >/dev/null; then
-        sudo "$@"
     else
-        die "needs root or sudo to install packages: $*"
+        sudo "$@"
     fi
 }
 
@@ -34,25 +35,22 @@ need() {
             missing+=("$package")
     done
     [ ${#missing[@]} -gt 0 ] || return 0
+    may_install || die "missing: ${missing[*]}; to install packages, be root or have sudo"
     say "installing ${missing[*]}"
-    log=$(mktemp)
-    if ! apt_get install --no-install-recommends "${missing[@]}" >"$log" 2>&1; then
+    if ! log=$(apt_get install --no-install-recommends "${missing[@]}" 2>&1); then
         say "fetching the package lists"
-        apt_get update >"$log" 2>&1 || { cat "$log" >&2; die "apt-get update failed"; }
-        apt_get install --no-install-recommends "${missing[@]}" >"$log" 2>&1 ||
-            { cat "$log" >&2; die "could not install ${missing[*]}"; }
+        log=$(apt_get update 2>&1) || { printf '%s\n' "$log" >&2; die "apt-get update failed"; }
+        log=$(apt_get install --no-install-recommends "${missing[@]}" 2>&1) ||
+            { printf '%s\n' "$log" >&2; die "could not install ${missing[*]}"; }
     fi
-    rm -f "$log"
 }
 
 # configure PRESET [-DOPTION=VALUE...]: silent unless it fails.
 configure() {
     local log
-    log=$(mktemp)
     say "configuring $*"
-    CMAKE_GENERATOR=${CMAKE_GENERATOR:-Ninja} cmake --preset "$@" >"$log" 2>&1 ||
-        { cat "$log" >&2; die "configuring $1 failed"; }
-    rm -f "$log"
+    log=$(CMAKE_GENERATOR=${CMAKE_GENERATOR:-Ninja} cmake --preset "$@" 2>&1) ||
+        { printf '%s\n' "$log" >&2; die "configuring $1 failed"; }
 }
 
 # build PRESET [TARGET...]: everything, or the named targets.
