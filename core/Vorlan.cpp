@@ -50,6 +50,7 @@ void Vorlan::init()
     mpNetConfs = std::make_unique<std::map<std::string, NetConf>>();
     mpApp = SDBusClients::clients()->mApp;
     mpSysD = SDBusClients::clients()->mSysD;
+    mpSysD->hurryAfter(sRunning);
 }
 
 void Vorlan::setSerialCfg(const std::string& device, unsigned int baud)

@@ -4,7 +4,7 @@
 
 #include <chrono>
 #include <cstdio>
-#include <system_error>
+#include <exception>
 #include <thread>
 
 namespace {
@@ -64,11 +64,17 @@ void SDBusApp::appSetTextMsg(const std::string& text)
 
 void SDBusApp::delayedExit(long long seconds)
 {
-    const std::lock_guard lock(mStateMutex);
-    if (mStopped || mDelayedExits == kMaxDelayedExits)
-        return;
-    std::thread(&SDBusApp::delayedExitExec, this, seconds).detach();
-    ++mDelayedExits;
+    {
+        const std::lock_guard lock(mStateMutex);
+        if (mStopped || mDelayedExits == kMaxDelayedExits)
+            return;
+        ++mDelayedExits;
+    }
+    try {
+        std::thread(&SDBusApp::delayedExitExec, this, seconds).detach();
+    } catch (const std::exception&) { // no thread to be had
+        delayedExitExec(seconds);
+    }
 }
 
 void SDBusApp::delayedExitExec(long long seconds)

@@ -15,7 +15,8 @@ public:
     SDBusApp(const SDBusApp&) = delete;
     SDBusApp& operator=(const SDBusApp&) = delete;
 
-    /// No call begins after this one; delayed exits that are still to come are given up.
+    /// Later calls do nothing, and delayed exits that are still to come are given up; a call that has just begun is
+    /// still made.
     void stop();
 
     /// Calls a method with the one argument, or with none when it is empty.
@@ -24,8 +25,8 @@ public:
     void appDisableAnimation();
     void appSetTextMsg(const std::string& text);
 
-    /// Tells the application to exit after so many seconds, from a thread of its own; at once for less than 1.
-    /// Does nothing while kMaxDelayedExits are still to come.
+    /// Tells the application to exit after so many seconds, from a thread of its own, or from the caller's when there
+    /// is none to be had; at once for less than 1. Does nothing while kMaxDelayedExits are still to come.
     void delayedExit(long long seconds);
     static constexpr unsigned int kMaxDelayedExits = 64;
 

@@ -37,6 +37,8 @@ bool SDBusLogoHandler::run()
         report("SDBusLogoHandler: Failed to match signal for Finished", result);
         return false;
     }
+    if (!mRunning)
+        return mResult;
     BusError error;
     result = sd_bus_call_method(bus.get(), kDestination, kPath, kDestination, "Start", error.get(), nullptr, nullptr);
     if (result < 0) {

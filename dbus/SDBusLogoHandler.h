@@ -17,7 +17,8 @@ public:
     /// said with it; false, with a line on standard error, when the logos cannot be started.
     bool run();
 
-    /// Ends run within half a second. From any thread.
+    /// Ends run within half a second, or with the bus call that it has under way; logos that were not started by then
+    /// are not started any more. From any thread.
     void stop(bool result);
 
 private:

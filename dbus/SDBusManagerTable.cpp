@@ -60,7 +60,10 @@ int property(sd_bus*, const char*, const char*, const char*, sd_bus_message* rep
 int callShowQMX(sd_bus_message* message, void* self, sd_bus_error* error) noexcept
 {
     try {
-        static_cast<SDBusManager*>(self)->showQMX();
+        auto& service = *static_cast<SDBusManager*>(self);
+        service.showQMX();
+        if (service.isStopRequested()) // its later steps may have been left out
+            return -ECANCELED;
         return sd_bus_reply_method_return(message, nullptr);
     } catch (const std::exception& e) {
         return sd_bus_error_set(error, SD_BUS_ERROR_FAILED, e.what());

@@ -1,8 +1,13 @@
 #include "dbus/SDBusSysD.h"
 
+#include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <cstdio>
+#include <type_traits>
+#include <utility>
+
+using std::chrono::microseconds;
+using std::chrono::steady_clock;
 
 namespace {
 
@@ -12,6 +17,10 @@ constexpr char kPath[] = "/com/kelvora/sysdaemon";
 // Whoever reads the log knows the two prefixes; which operation uses which is part of the log's format.
 constexpr char kSysD[] = "SDBusSysD";
 constexpr char kSysDCtrl[] = "SysDDBusCtrl";
+
+constexpr std::chrono::seconds kSlow{1};
+constexpr std::uint64_t kHurryUs = 50'000;
+constexpr std::uint64_t kForeverUs = 365 * 24 * 3600 * 1'000'000ULL; ///< longer time-outs would overflow the clock
 
 } // namespace
 
@@ -49,6 +58,11 @@ void SDBusSysD::stop()
     mStopped = true;
 }
 
+void SDBusSysD::hurryAfter(const std::atomic<bool>& running)
+{
+    mRunning = &running;
+}
+
 MessagePtr SDBusSysD::newCall(const char* member)
 {
     MessagePtr message;
@@ -64,14 +78,22 @@ int SDBusSysD::callAndWait(sd_bus_message* message, MessagePtr* reply)
 {
     if (message == nullptr)
         return -EINVAL;
+    std::uint64_t timeOut = kHurryUs;
+    if (!mHurry)
+        sd_bus_get_method_call_timeout(mBus.get(), &timeOut);
+    timeOut = std::min(timeOut, kForeverUs);
+    const auto began = steady_clock::now();
     MessagePtr answer;
     std::uint64_t cookie = 0;
     int result = 0;
     do
-        result = adopt(answer, [&](sd_bus_message** m) { return sd_bus_call(mBus.get(), message, 0, nullptr, m); });
+        result =
+            adopt(answer, [&](sd_bus_message** m) { return sd_bus_call(mBus.get(), message, timeOut, nullptr, m); });
     while (result == -EINTR && sd_bus_message_get_cookie(message, &cookie) < 0); // not even sent
     if (result == -EINTR)
-        result = awaitAnswer(cookie, answer);
+        result = awaitAnswer(cookie, began + microseconds(timeOut), answer);
+    if (mRunning != nullptr && !*mRunning && steady_clock::now() - began > kSlow)
+        mHurry = true;
     if (reply != nullptr)
         *reply = std::move(answer);
     // Nobody else reads from this connection: answers that came too late and signals would pile up in its queue.
@@ -83,13 +105,9 @@ int SDBusSysD::callAndWait(sd_bus_message* message, MessagePtr* reply)
     return result;
 }
 
-/// sd_bus_call gives up on its answer when a signal comes; this goes on waiting, for as long as a call may take.
-int SDBusSysD::awaitAnswer(std::uint64_t cookie, MessagePtr& answer)
+/// sd_bus_call gives up on its answer when a signal comes; this goes on waiting, for as long as the call may take.
+int SDBusSysD::awaitAnswer(std::uint64_t cookie, steady_clock::time_point end, MessagePtr& answer)
 {
-    using std::chrono::steady_clock;
-    std::uint64_t timeOut = 0;
-    sd_bus_get_method_call_timeout(mBus.get(), &timeOut);
-    const auto end = steady_clock::now() + std::chrono::microseconds(timeOut);
     for (;;) {
         int result = adopt(answer, [&](sd_bus_message** m) { return sd_bus_process(mBus.get(), m); });
         std::uint64_t answered = 0;
@@ -100,7 +118,7 @@ int SDBusSysD::awaitAnswer(std::uint64_t cookie, MessagePtr& answer)
             return -EIO;
         }
         if (result == 0) {
-            const auto left = std::chrono::ceil<std::chrono::microseconds>(end - steady_clock::now()).count();
+            const auto left = std::chrono::ceil<microseconds>(end - steady_clock::now()).count();
             result = left > 0 ? sd_bus_wait(mBus.get(), static_cast<std::uint64_t>(left)) : -ETIMEDOUT;
         }
         if (result < 0 && result != -EINTR)

@@ -5,6 +5,7 @@
 #include "dbus/ParamE.h"
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <mutex>
 #include <string>
@@ -24,6 +25,10 @@ public:
     /// No call begins after this one: operations return at once, silently, as if they had failed. At most the call
     /// that another thread has under way still runs.
     void stop();
+
+    /// A stop waits for one slow answer, not for each that a request asks for: once running is false and a call has
+    /// taken more than a second, each later one gets 50 ms. To be called before any operation; running outlives this.
+    void hurryAfter(const std::atomic<bool>& running);
 
     /// The system daemon answers and says that it is ready.
     bool sysDaemonReady();
@@ -76,9 +81,11 @@ private:
     int openBus();
     MessagePtr newCall(const char* member);
     int callAndWait(sd_bus_message* message, MessagePtr* reply);
-    int awaitAnswer(std::uint64_t cookie, MessagePtr& answer);
+    int awaitAnswer(std::uint64_t cookie, std::chrono::steady_clock::time_point end, MessagePtr& answer);
 
     BusPtr mBus; ///< null when opening failed; used under mMutex
     std::mutex mMutex;
-    std::atomic<bool> mStopped = false; ///< set without waiting for mMutex, looked at with it held
+    const std::atomic<bool>* mRunning = nullptr; ///< false when the daemon is to stop; null: nobody says so
+    bool mHurry = false;                         ///< guarded by mMutex
+    std::atomic<bool> mStopped = false;          ///< set without waiting for mMutex, looked at with it held
 };

@@ -1,6 +1,7 @@
 #include "dbus/SDBusApp.h"
 
 #include "tests/bus/BusTest.h"
+#include "tests/support/NoMoreThreads.h"
 
 #include <cstdlib>
 #include <future>
@@ -282,4 +283,13 @@ TEST_F(SDBusAppTest, endWaitsForTheCallUnderWay)
     const auto events = mDevice.timeline().events();
     ASSERT_THAT(events, SizeIs(1)) << "the second one had not begun";
     EXPECT_TRUE(events[0].answer.has_value());
+}
+
+TEST_F(SDBusAppTest, delayedExitIsMadeByTheCallerWhenNoThreadCanBeHad)
+{
+    SDBusApp app;
+    const NoMoreThreads guard;
+    app.delayedExit(1);
+    EXPECT_THAT(calls(), ElementsAre("idle.Exit"));
+    EXPECT_EQ(mStderr.text(), "");
 }

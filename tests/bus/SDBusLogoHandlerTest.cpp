@@ -232,6 +232,7 @@ TEST_F(SDBusLogoHandlerTest, stopBeforeRunIsRemembered)
     SDBusLogoHandler handler;
     handler.stop(true);
     EXPECT_TRUE(handler.run());
+    EXPECT_THAT(calls(), IsEmpty());
 }
 
 // ---- The bus is lost while it waits

@@ -597,7 +597,44 @@ TEST_F(SDBusSysDTest, stopSignalDuringACallWhoseServiceGoesAway)
     EXPECT_EQ(mStderr.text(), "SDBusSysD: Failed to get param: 111\nSDBusSysD: Failed to get param: 111\n");
 }
 
+TEST_F(SDBusSysDTest, stopSignalDuringACallThatMayTakeForEver)
+{
+    setenv("SYSTEMD_BUS_TIMEOUT", "infinity", 1);
+    SDBusSysD sysd;
+    mDevice.sysd().setBehaviour("GetParamInt", tBehaviour::delayed(sim::milliseconds{150}));
+    const SignalsDuring signals(mDevice.timeline(), "GetParamInt");
+    EXPECT_EQ(sysd.getParamInt(eParamGifDelayMS), 40);
+    EXPECT_EQ(mStderr.text(), "");
+}
+
 // ---- Stop
+
+TEST_F(LateSDBusSysDTest, onceAStopIsWishedASlowCallIsTheLastOneThatIsWaitedFor)
+{
+    const std::atomic<bool> running = false;
+    SDBusSysD sysd;
+    sysd.hurryAfter(running);
+    const auto answersSlowly = [&] {
+        mDevice.sysd().setBehaviour("GetParamInt", tBehaviour::delayed(sim::milliseconds{500}).times(1));
+        return sysd.getParamInt(eParamGifDelayMS) == 40;
+    };
+    EXPECT_TRUE(answersSlowly());
+    mDevice.sysd().setBehaviour("GetParamInt", tBehaviour::silent().times(1));
+    EXPECT_EQ(sysd.getParamInt(eParamGifDelayMS), 0);
+    EXPECT_FALSE(answersSlowly());
+    EXPECT_EQ(sysd.getParamInt(eParamGifDelayMS), 40);
+}
+
+TEST_F(LateSDBusSysDTest, withoutAStopASlowCallChangesNothingForTheNext)
+{
+    const std::atomic<bool> running = true;
+    SDBusSysD sysd;
+    sysd.hurryAfter(running);
+    mDevice.sysd().setBehaviour("GetParamInt", tBehaviour::silent().times(1));
+    EXPECT_EQ(sysd.getParamInt(eParamGifDelayMS), 0);
+    mDevice.sysd().setBehaviour("GetParamInt", tBehaviour::delayed(sim::milliseconds{500}).times(1));
+    EXPECT_EQ(sysd.getParamInt(eParamGifDelayMS), 40);
+}
 
 TEST_F(SDBusSysDTest, afterStopNoCallBeginsAndNothingIsWritten)
 {

@@ -1,5 +1,7 @@
 #include "dbus/ThreadBase.h"
 
+#include "tests/support/NoMoreThreads.h"
+
 #include <gtest/gtest.h>
 
 #include <future>
@@ -152,4 +154,20 @@ TEST(ThreadBase, aDetachedThreadIsNotWaitedFor)
     EXPECT_FALSE(worker.isStopRequested());
     worker.mEnd = true;
     worker.waitEnded();
+}
+
+TEST(ThreadBase, startsNothingWhenNoThreadCanBeHadAndOnceThereIsOneItDoes)
+{
+    Worker worker;
+    {
+        const NoMoreThreads guard;
+        worker.start();
+    }
+    EXPECT_FALSE(worker.isRunning());
+    worker.stop();
+    EXPECT_EQ(worker.mRuns, 0);
+    worker.start();
+    worker.waitStarted();
+    worker.stop();
+    EXPECT_EQ(worker.mRuns, 1);
 }

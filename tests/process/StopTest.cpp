@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <csignal>
+#include <future>
 #include <thread>
 
 namespace {
@@ -273,6 +274,13 @@ protected:
                   hex(qv::toWire(qv::buildFrame(qv::nextNumber(mNumber), second))));
     }
 
+    void expectEndWithin(milliseconds bound, const char* fault, const char* shows)
+    {
+        const auto from = Clock::now();
+        EXPECT_EQ(mRig.daemon().waitExit(bound), exited(0));
+        record(fault, shows, bound, std::chrono::ceil<milliseconds>(Clock::now() - from));
+    }
+
     static constexpr std::size_t kLong = 200'000;
     std::uint8_t mNumber = 0;
 };
@@ -324,14 +332,16 @@ TEST_F(Stop, byASignalWithAReplyThatNobodyReads)
     mRig.peer().sendFrame(mNumber, readReg(wire::eRegRdParamText));
     expectCall(mRig, call("GetParamString"));
     mRig.daemon().signal(SIGTERM);
-    EXPECT_EQ(mRig.daemon().waitExit(), exited(0));
+    expectEndWithin(milliseconds{7000}, "stop by SIGTERM: reply that nobody reads under way",
+                    "status 0 once the line has taken nothing for a second");
 }
 
 TEST_F(Stop, byMethodFourWithAReplyThatNobodyReads)
 {
     ASSERT_NO_FATAL_FAILURE(fillTheLine());
     mRig.peer().sendFrame(mNumber, rig::call(wire::eMethodStartUpdate));
-    EXPECT_EQ(mRig.daemon().waitExit(), exited(0));
+    expectEndWithin(milliseconds{7000}, "stop by method 4: reply that nobody reads under way",
+                    "status 0 once the line has taken nothing for a second");
     EXPECT_EQ(mRig.timeline().count(call("SysUpdate")), 1U);
 }
 
@@ -367,6 +377,34 @@ TEST_F(Stop, doesNotSpoilTheCallUnderWay)
     EXPECT_EQ(mRig.daemon().err(), std::string(kRetrying) + kStopping);
 }
 
+/// A request that makes many calls of a system daemon which has fallen silent.
+TEST_F(Stop, waitsForOneSlowAnswerOfARequestNotForEach)
+{
+    mRig.device().sysd().setCfg("IsHypervisorSys", true);
+    serveWithService(mRig);
+    ASSERT_EQ(mRig.ask(rig::call(wire::eMethodApplyConfig)), "02");
+    mRig.device().sysd().setBehaviour("SetParamString", tBehaviour::silent());
+    mRig.peer().sendFrame(mRig.peer().number(), rig::call(wire::eMethodSetNetworkCfg, text("eth0")));
+    expectCall(mRig, call("SetParamString"));
+    mRig.daemon().signal(SIGTERM);
+    expectEndWithin(milliseconds{7000}, "stop by SIGTERM: request with nine unanswered calls under way",
+                    "its reply, a line for each call, status 0");
+    EXPECT_EQ(mRig.timeline().count(call("SetParamString")), 9U);
+    EXPECT_EQ(countOf(mRig.daemon().err(), "SDBusSysD: Failed to set param: "), 9U);
+    EXPECT_EQ(mRig.timeline().count(call("SaveConfig")), 2U); // the start's, and the request's
+}
+
+TEST_F(Stop, refusesTheDiagnosticsPageThatItCutsShort)
+{
+    serveWithService(mRig);
+    mRig.device().sysd().setBehaviour("SetCfgInt", tBehaviour::silent());
+    auto page = std::async(std::launch::async, [this] { return mRig.device().desktop().showQmx().ok; });
+    expectCall(mRig, call("SetCfgInt"));
+    EXPECT_EQ(mRig.stop(), exited(0));
+    EXPECT_FALSE(page.get());
+    EXPECT_EQ(mRig.timeline().count(call("SetCfgString")), 0U);
+}
+
 /// The controller's own thread waits for the service manager: no further request is needed then.
 TEST_F(Stop, byASignalWhileTheUpdateUnitIsBeingStarted)
 {
@@ -382,7 +420,7 @@ TEST_F(Stop, byASignalWhileTheUpdateUnitIsBeingStarted)
     mRig.peer().sendFrame(number, rig::call(wire::eMethodApplyConfig));
     expectCall(mRig, call("StartUnit"));
     mRig.daemon().signal(SIGTERM);
-    EXPECT_EQ(mRig.daemon().waitExit(), exited(0));
+    expectEndWithin(milliseconds{7000}, "stop by SIGTERM: update unit being started", "the reply, status 0");
     EXPECT_EQ(hex(mRig.leftovers()), hex(qv::toWire(qv::buildFrame(qv::nextNumber(number), qv::Bytes{0x02}))));
 }
 
