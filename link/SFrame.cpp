@@ -5,7 +5,7 @@
 
 #include <algorithm>
 #include <chrono>
-#include <memory>
+#include <new>
 #include <stdexcept>
 #include <thread>
 
@@ -137,18 +137,27 @@ int SFrame::readChunk(unsigned char* chunk, unsigned int size)
 }
 
 /// Called inside a catch block: a serial failure breaks the link only if it left the port closed, any other does.
-void SFrame::onFailure()
+void SFrame::onFailure() noexcept
 {
-    const std::lock_guard lock(mErrorMutex);
     try {
         throw;
     } catch (const SerialException& e) {
-        mLastError = e.what();
         if (!mpBackend->isOpen())
             mBroken = true;
+        setLastError(e.what());
     } catch (...) {
-        mLastError = "unknown";
         mBroken = true;
+        setLastError("unknown");
+    }
+}
+
+void SFrame::setLastError(const char* text) noexcept
+{
+    const std::lock_guard lock(mErrorMutex);
+    try {
+        mLastError = text;
+    } catch (const std::bad_alloc&) {
+        mLastError.clear();
     }
 }
 

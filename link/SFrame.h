@@ -43,10 +43,11 @@ public:
 
 private:
     int readChunk(unsigned char* chunk, unsigned int size);
-    void onFailure();
+    void onFailure() noexcept;
+    void setLastError(const char* text) noexcept;
 
     SerialIf* mpBackend = nullptr;
-    std::string mLastError; ///< guarded by mErrorMutex
+    std::string mLastError; ///< empty when there is no memory for it; guarded by mErrorMutex
     std::atomic<bool> mBroken = false;
     mutable std::mutex mErrorMutex;
 };
