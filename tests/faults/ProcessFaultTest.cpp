@@ -96,6 +96,7 @@ TEST_F(ProcessFault, stoppedByASignal)
     describe({"stopped by SIGTERM", "the next request's reply, the stop line, status 0; the next start serves", 5s});
     ASSERT_NO_FATAL_FAILURE(serveWithService());
     EXPECT_EQ(mRig.stop(), exited(0));
+    EXPECT_THAT(mRig.daemon().out(), ::testing::EndsWith(kStopped));
     faultIsOver();
     ASSERT_NO_FATAL_FAILURE(serve());
     ASSERT_TRUE(mRig.serves(left()));
@@ -107,6 +108,7 @@ TEST_F(ProcessFault, stoppedByMethodFour)
     describe({"stopped by method 4", "its reply, the stop line, status 0; the next start serves", 5s});
     ASSERT_NO_FATAL_FAILURE(serveWithService());
     EXPECT_EQ(mRig.stopByUpdate(), exited(0));
+    EXPECT_THAT(mRig.daemon().out(), ::testing::EndsWith(kStopped));
     faultIsOver();
     mRig.start();
     ASSERT_TRUE(mRig.serves(left()));
