@@ -195,17 +195,17 @@ inline newSession()
         :: pendingBefore == eYes -> resetPending = 1 \
         :: else \
         fi; \
-        if \
-        :: numberAfter == eNext -> number = NEXT(number) \
-        :: else \
-        fi; \
+        storedNumber = (itsNumber == eNext -> NEXT(number) : storedNumber); \
+        storedFlag = (itsFlag == ePending -> resetPending : storedFlag); \
         if \
         :: isStored == eYes -> \
             stored = 1; \
-            storedNumber = number; \
-            storedFlag = resetPending; \
             storedWhat = what; \
             storedId = REPLY_ID \
+        :: else \
+        fi; \
+        if \
+        :: numberAfter == eNext -> number = NEXT(number) \
         :: else \
         fi; \
         if \

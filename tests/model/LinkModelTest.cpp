@@ -28,6 +28,9 @@ using Words = std::vector<std::string>;
 
 constexpr unsigned int kNumbers = 16;
 constexpr unsigned int kResetFlag = 0x10;
+/// What eOther stands for: the daemon's number and so much more, all but its own and the one before.
+constexpr unsigned int kFirstOther = 1;
+constexpr unsigned int kLastOther = kNumbers - 2;
 
 /// The arguments of all lines "NAME(a, b, c)" of the model, which stand one to a line.
 std::vector<Words> rowsOf(const std::string& name)
@@ -149,15 +152,19 @@ private:
                 continue;
             if (row[1] == "eYes")
                 mResetPending = true;
-            if (row[4] == "eNext")
-                mNumber = (mNumber + 1) % kNumbers;
-            if (row[5] == "eYes") {
-                mStored = mNumber | (mResetPending ? kResetFlag : 0);
-                mStoredPayload = action == "eReset" ? tBytes{0} : reply;
-            }
+            const unsigned int next = (mNumber + 1) % kNumbers;
+            const unsigned int pending = mResetPending ? kResetFlag : 0;
+            const unsigned int header = (row[2] == "eNext" ? next : mStored.value() % kNumbers) |
+                                        (row[3] == "ePending" ? pending : mStored.value() & kResetFlag);
             if (row[3] == "ePending")
                 mResetPending = false;
-            return mStored.value();
+            if (row[4] == "eNext")
+                mNumber = next;
+            if (row[5] == "eYes") {
+                mStored = header;
+                mStoredPayload = action == "eReset" ? tBytes{0} : reply;
+            }
+            return header;
         }
         throw std::logic_error("nothing is known of " + action);
     }
@@ -199,15 +206,22 @@ protected:
         return qv::toWire(bytes);
     }
 
-    static unsigned int numberOf(const tFrame& frame, unsigned int own)
+    /// `other`: what "any other number" is, from the daemon's on.
+    static unsigned int numberOf(const tFrame& frame, unsigned int own, unsigned int other)
     {
         const std::string relation = frame.relation;
-        const unsigned int offset = relation == "eSame" ? 0 : relation == "eBefore" ? kNumbers - 1 : 5;
+        const unsigned int offset = relation == "eSame" ? 0 : relation == "eBefore" ? kNumbers - 1 : other;
         return (own + offset) % kNumbers;
     }
 
+    enum OthersE
+    {
+        eOneOther, ///< in turn
+        eEachOther
+    };
+
     /// All sequences of so many of the first `kinds` frames.
-    void playEverySequence(std::size_t kinds, std::size_t length)
+    void playEverySequence(std::size_t kinds, std::size_t length, OthersE others = eOneOther)
     {
         std::size_t sequences = 1;
         for (std::size_t i = 0; i < length; ++i)
@@ -215,12 +229,27 @@ protected:
         testing::internal::CaptureStderr(); // a line for each broken frame
         for (std::size_t sequence = 0; sequence < sequences && !HasFatalFailure(); ++sequence) {
             SCOPED_TRACE("sequence " + std::to_string(sequence));
-            play(sequence, kinds, length);
+            const bool each = others == eEachOther && hasOther(sequence, kinds, length);
+            const unsigned int first =
+                each ? kFirstOther : kFirstOther + static_cast<unsigned int>(sequence % kLastOther);
+            const unsigned int last = each ? kLastOther : first;
+            for (unsigned int other = first; other <= last && !HasFatalFailure(); ++other) {
+                SCOPED_TRACE("other number " + std::to_string(other));
+                play(sequence, kinds, length, other);
+            }
         }
         testing::internal::GetCapturedStderr();
     }
 
-    void play(std::size_t sequence, std::size_t kinds, std::size_t length)
+    static bool hasOther(std::size_t sequence, std::size_t kinds, std::size_t length)
+    {
+        for (std::size_t i = 0; i < length; ++i, sequence /= kinds)
+            if (kFrames[sequence % kinds].relation == std::string("eOther"))
+                return true;
+        return false;
+    }
+
+    void play(std::size_t sequence, std::size_t kinds, std::size_t length, unsigned int other)
     {
         startLink();
         LinkModel model;
@@ -230,7 +259,7 @@ protected:
             const tFrame& frame = kFrames[sequence % kinds];
             const tBytes request = {0x02, static_cast<unsigned char>(i)};
             const tBytes reply = {0x02, static_cast<unsigned char>(i), 0x80};
-            const unsigned int number = numberOf(frame, model.number());
+            const unsigned int number = numberOf(frame, model.number(), other);
             const LinkModel::tOutcome wanted = model.take(frame, number, reply);
 
             mLine->deliver(wireOf(frame, number, request));
@@ -270,6 +299,12 @@ TEST_F(LinkModelTest, theModelHasItsTables)
 TEST_F(LinkModelTest, theDataLinkFollowsItWhenItAnswersEachRequest)
 {
     playEverySequence(kAnswered, 4);
+}
+
+TEST_F(LinkModelTest, theDataLinkFollowsItWhateverTheOtherNumberIs)
+{
+    playEverySequence(kAnswered, 3, eEachOther);
+    playEverySequence(kFrames.size(), 2, eEachOther);
 }
 
 TEST_F(LinkModelTest, theDataLinkFollowsItWhenFramesOvertakeReplies)
