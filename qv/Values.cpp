@@ -196,7 +196,7 @@ std::int64_t parseDate(std::string_view text)
     return seconds;
 }
 
-std::int64_t parseTime(std::string_view text)
+std::int64_t parseSeconds(std::string_view text)
 {
     if (lower(text) == "now") {
         return std::time(nullptr);
@@ -206,6 +206,17 @@ std::int64_t parseTime(std::string_view text)
                            std::numeric_limits<std::int64_t>::max());
     }
     return parseDate(text);
+}
+
+/// What lies outside, the device would take for another time.
+std::int64_t parseTime(std::string_view text)
+{
+    const auto seconds = parseSeconds(text);
+    if (seconds < std::numeric_limits<std::int32_t>::min() || seconds > std::numeric_limits<std::int32_t>::max()) {
+        throw ValueError("'" + std::string(text) +
+                         "' will not do: the device knows times from 1901-12-13 20:45:52 to 2038-01-19 03:14:07 UTC");
+    }
+    return seconds;
 }
 
 Bytes parseHundredthsList(std::string_view text)
@@ -281,22 +292,6 @@ std::string dnsModeText(std::uint8_t mode)
     default:
         return std::to_string(mode);
     }
-}
-
-std::string escaped(std::string_view text)
-{
-    std::string out;
-    for (const auto c : text) {
-        const auto byte = static_cast<unsigned char>(c);
-        if (byte < 0x20 || byte == 0x7F) {
-            char code[8];
-            std::snprintf(code, sizeof code, "\\x%02X", byte);
-            out += code;
-        } else {
-            out += c;
-        }
-    }
-    return out;
 }
 
 std::string_view textIn(ByteView bytes)
@@ -421,7 +416,7 @@ std::string formatValue(ValueE type, ByteView bytes)
     case ValueE::eByteList:
         return bytesText(bytes.first(bytes.size() - 1)) + ";" + std::to_string(bytes.back());
     case ValueE::eText:
-        return escaped(textIn(bytes));
+        return escapedText(textIn(bytes));
     default:
         return integerText(type, bytes);
     }
@@ -447,6 +442,30 @@ std::string jsonValue(ValueE type, ByteView bytes)
     default:
         return formatValue(type, bytes);
     }
+}
+
+std::string escapedText(std::string_view text)
+{
+    std::string out;
+    while (!text.empty()) {
+        const auto length = utf8Length(text);
+        const auto first = static_cast<unsigned char>(text[0]);
+        const bool isC1 = length == 2 && first == 0xC2 && static_cast<unsigned char>(text[1]) < 0xA0;
+        const auto taken = text.substr(0, std::max<std::size_t>(length, 1));
+        if (first == '\\') {
+            out += "\\\\";
+        } else if (length == 0 || isC1 || first < 0x20 || first == 0x7F) {
+            for (const auto c : taken) {
+                char code[8];
+                std::snprintf(code, sizeof code, "\\x%02X", static_cast<unsigned char>(c));
+                out += code;
+            }
+        } else {
+            out += taken;
+        }
+        text.remove_prefix(taken.size());
+    }
+    return out;
 }
 
 std::string jsonString(std::string_view text)

@@ -20,15 +20,20 @@ public:
 ///
 /// Numbers in any base (80, 0x50, 0o120, 0b1010000); booleans as true, yes, on, 1 and their opposites; lists with
 /// commas, hundredths as decimals (1.50,-0.07), the byte list's trailing byte after a semicolon (1,2,3;9); times as UTC
-/// dates (2024-05-06 07:08:09), seconds (@1714979289) or now; DNS modes as given, dhcp, none or a number.
+/// dates (2024-05-06 07:08:09), seconds (@1714979289) or now, within the device's 32 bits; DNS modes as given, dhcp,
+/// none or a number.
 Bytes parseValue(wire::ValueE type, std::string_view text);
 
-/// The bytes of a message as parseValue would take them, texts with unprintable bytes as \xNN. Bytes that are no such
-/// value are shown in hexadecimal with a remark.
+/// The bytes of a message as parseValue would take them, texts as escapedText gives them. Bytes that are no such value
+/// are shown in hexadecimal with a remark.
 std::string formatValue(wire::ValueE type, ByteView bytes);
 
 /// The same as JSON: true, 80, "text", [23.00,-4.00], {"list":[1,2,3],"last":9}, "2024-05-06T07:08:09Z".
 std::string jsonValue(wire::ValueE type, ByteView bytes);
+
+/// The text in one line that does nothing to a terminal: control characters and bytes that are not UTF-8 as \xNN, a
+/// backslash as two.
+std::string escapedText(std::string_view text);
 
 /// A JSON string with its quotation marks. Bytes that are not UTF-8 become U+FFFD.
 std::string jsonString(std::string_view text);

@@ -48,12 +48,14 @@ TEST(Values, AreTypedSentAndShown)
          "\"2024-05-06T07:08:09Z\""},
         {ValueE::eTime, "2038-01-19 03:14", "F8 FF FF 7F 00 00 00 00", "2038-01-19 03:14:00 UTC",
          "\"2038-01-19T03:14:00Z\""},
+        {ValueE::eTime, "2038-01-19 03:14:07", "FF FF FF 7F 00 00 00 00", "2038-01-19 03:14:07 UTC",
+         "\"2038-01-19T03:14:07Z\""},
         {ValueE::eTime, "2024-02-29", "00 C9 DF 65 00 00 00 00", "2024-02-29 00:00:00 UTC", "\"2024-02-29T00:00:00Z\""},
         {ValueE::eText, "10.0.0.5", "31 30 2E 30 2E 30 2E 35 00", "10.0.0.5", "\"10.0.0.5\""},
         {ValueE::eText, "", "00", "", "\"\""},
-        {ValueE::eText, "a\"b\\\n", "61 22 62 5C 0A 00", "a\"b\\\\x0A", "\"a\\\"b\\\\\\u000a\""},
+        {ValueE::eText, "a\"b\\\n", "61 22 62 5C 0A 00", "a\"b\\\\\\x0A", "\"a\\\"b\\\\\\u000a\""},
         {ValueE::eText, "\xC3\xA4", "C3 A4 00", "\xC3\xA4", "\"\xC3\xA4\""},
-        {ValueE::eText, "\xFF\xC3", "FF C3 00", "\xFF\xC3", "\"\\ufffd\\ufffd\""},
+        {ValueE::eText, "\xFF\xC3", "FF C3 00", "\\xFF\\xC3", "\"\\ufffd\\ufffd\""},
         {ValueE::eHundredthsList, "700,-1.00", "BC 02 FF FF", "700.00,-1.00", "[700.00,-1.00]"},
         {ValueE::eHundredthsList, "", "", "", "[]"},
         {ValueE::eByteList, "1, 2,0xFF;9", "01 02 FF 09", "1,2,255;9", "{\"list\":[1,2,255],\"last\":9}"},
@@ -92,6 +94,9 @@ TEST(Values, AreRefusedWithWhatWouldDo)
         {ValueE::eTime, "2024-05-06 07:08:60"},
         {ValueE::eTime, "2016-12-31 23:59:60"},
         {ValueE::eTime, "@x"},
+        {ValueE::eTime, "2038-01-19 03:14:08"},
+        {ValueE::eTime, "2040-01-01"},
+        {ValueE::eTime, "@-2147483649"},
         {ValueE::eByteList, "1,2,3"},
         {ValueE::eByteList, "1,,3;4"},
         {ValueE::eByteList, "1;256"},
@@ -149,6 +154,21 @@ TEST(Values, KnowTheirSize)
     EXPECT_EQ(qv::valueSize(ValueE::eText, hex("61 62 00 63")), 3U);
     EXPECT_EQ(qv::valueSize(ValueE::eText, hex("61 62")), 3U) << "its zero byte is missing";
     EXPECT_EQ(qv::valueSize(ValueE::eByteList, hex("61 62")), 2U);
+}
+
+TEST(Values, ATextDoesNothingToATerminal)
+{
+    EXPECT_EQ(qv::escapedText("a\x1B[2J\x07\x7F"), R"(a\x1B[2J\x07\x7F)");
+    EXPECT_EQ(qv::escapedText("\xC2\x9B"
+                              "2J"),
+              R"(\xC2\x9B2J)")
+        << "the control character of two bytes";
+    EXPECT_EQ(qv::escapedText("\x9B"
+                              "2J"),
+              R"(\x9B2J)")
+        << "and that of one";
+    EXPECT_EQ(qv::escapedText("\xC2\xA0\xE2\x82\xAC"), "\xC2\xA0\xE2\x82\xAC");
+    EXPECT_EQ(qv::escapedText(R"(\x07)"), R"(\\x07)") << "not to be taken for a bell";
 }
 
 TEST(Values, InvalidUtf8NeverReachesJson)
