@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/file.h>
-#include <termios.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -48,13 +47,15 @@ std::string errorText(int error)
     return std::generic_category().message(error);
 }
 
-/// Only what has to be said about a serial port between two programs: bytes as they are, nothing added.
-void makeRaw(int fd, const std::string& device, speed_t speed)
+/// Only what has to be said about a serial port between two programs: bytes as they are, nothing added. Gives the
+/// settings before.
+termios makeRaw(int fd, const std::string& device, speed_t speed)
 {
     termios settings{};
     if (tcgetattr(fd, &settings) != 0) {
         throw LineError(device + " is not a serial port: " + errorText(errno));
     }
+    const termios found = settings;
     cfmakeraw(&settings);
     settings.c_iflag &= ~static_cast<tcflag_t>(IXOFF | IXANY | INPCK);
     settings.c_cflag &= ~static_cast<tcflag_t>(CSTOPB | PARENB | CRTSCTS);
@@ -66,6 +67,7 @@ void makeRaw(int fd, const std::string& device, speed_t speed)
         throw LineError("cannot set up " + device + ": " + errorText(errno));
     }
     tcflush(fd, TCIFLUSH);
+    return found;
 }
 
 int pollMs(Clock::time_point deadline)
@@ -90,7 +92,7 @@ Port Port::open(const std::string& device, unsigned baud)
     if (flock(fd, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) { // TIOCEXCL does not keep root out
         throw PortInUse("another program uses " + device);
     }
-    makeRaw(fd, device, rate->speed);
+    port.mFound = makeRaw(fd, device, rate->speed);
     return port;
 }
 
@@ -126,10 +128,14 @@ Port::Port(int fd, bool adopted)
 Port::Port(Port&& other) noexcept
     : mFd(std::exchange(other.mFd, -1))
     , mAdopted(other.mAdopted)
+    , mFound(std::exchange(other.mFound, {}))
 {}
 
 Port::~Port()
 {
+    if (mFound) {
+        tcsetattr(mFd, TCSADRAIN, &*mFound); // what was sent goes out at its rate
+    }
     if (mFd >= 0) {
         ::close(mFd);
     }

@@ -2,6 +2,9 @@
 
 #include "qv/Line.h"
 
+#include <termios.h>
+
+#include <optional>
 #include <string>
 
 namespace qv {
@@ -19,7 +22,8 @@ class Port : public Line
 public:
     /// Opens the device raw, 8N1, without flow control, and throws away what waited in it. A rate that isKnownRate
     /// refuses, a device that cannot be opened or that is no terminal: LineError. A device that is open in another
-    /// Port, of this program or another: PortInUse. It is left as it is then.
+    /// Port, of this program or another: PortInUse. It is left as it is then. When the Port goes, the device gets the
+    /// settings back with which it was found.
     static Port open(const std::string& device, unsigned baud);
 
     /// Takes a descriptor over, for instance the master of a pty, and makes it non-blocking. It is used as it is: no
@@ -44,6 +48,7 @@ private:
 
     int mFd;
     bool mAdopted;
+    std::optional<termios> mFound; ///< the settings to give back
 };
 
 } // namespace qv

@@ -25,6 +25,10 @@ struct tPty
         grantpt(master);
         unlockpt(master);
         device = ptsname(master);
+        termios settings{}; // a terminal echoes, even while nobody has it open; a line does not
+        tcgetattr(master, &settings);
+        cfmakeraw(&settings);
+        tcsetattr(master, TCSANOW, &settings);
     }
     int master = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
     std::string device;
@@ -61,6 +65,31 @@ TEST(Port, SetsTheRate)
     EXPECT_EQ(cfgetospeed(&settings), static_cast<speed_t>(B9600));
     EXPECT_EQ(settings.c_cflag & static_cast<tcflag_t>(CSIZE | PARENB | CSTOPB | CRTSCTS), static_cast<tcflag_t>(CS8));
     EXPECT_EQ(settings.c_lflag & static_cast<tcflag_t>(ICANON | ECHO | ISIG), 0U);
+}
+
+TEST(Port, LeavesTheDeviceAsItWasFound)
+{
+    tPty pty;
+    const int daemon = ::open(pty.device.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
+    termios before{};
+    ASSERT_EQ(tcgetattr(daemon, &before), 0);
+    ASSERT_EQ(cfsetspeed(&before, B9600), 0);
+    before.c_cflag |= static_cast<tcflag_t>(CSTOPB);
+    before.c_iflag |= static_cast<tcflag_t>(IXOFF);
+    before.c_lflag |= static_cast<tcflag_t>(ECHO);
+    ASSERT_EQ(tcsetattr(daemon, TCSANOW, &before), 0);
+    {
+        auto port = qv::Port::open(pty.device, 115200);
+        const auto moved = std::move(port);
+    }
+    termios after{};
+    ASSERT_EQ(tcgetattr(daemon, &after), 0);
+    EXPECT_EQ(cfgetospeed(&after), static_cast<speed_t>(B9600));
+    EXPECT_EQ(after.c_cflag, before.c_cflag);
+    EXPECT_EQ(after.c_iflag, before.c_iflag);
+    EXPECT_EQ(after.c_lflag, before.c_lflag);
+    ::close(daemon);
+    ::close(pty.master);
 }
 
 TEST(Port, IsRefusedToASecondOwner)
