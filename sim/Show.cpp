@@ -1,10 +1,13 @@
 #include "sim/Show.h"
 
+#include "qv/Values.h"
+
 #include <unistd.h>
 
 #include <array>
 #include <cstdlib>
 #include <stdexcept>
+#include <utility>
 
 namespace sim {
 
@@ -86,9 +89,27 @@ std::string sentence(const tEvent& event, bool later)
                    ? way("QV", "daemon") + event.arguments + (event.member == "reset" ? "  (reset flag)" : "")
                    : way("daemon", "QV") + event.arguments;
     case KindE::eText:
-        return event.arguments;
+        return qv::escapedText(event.arguments); // the log holds texts of QV as they came
     }
     return "";
+}
+
+std::string toJson(const tEvent& event)
+{
+    const auto micros = std::chrono::duration_cast<std::chrono::microseconds>(event.time).count();
+    std::string out = "{\"id\":" + std::to_string(event.id) + ",\"us\":" + std::to_string(micros) + ",\"channel\":\"" +
+                      name(event.channel) + "\",\"kind\":\"" + name(event.kind) + "\"";
+    const std::pair<const char*, const std::string&> fields[] = {{"service", event.service},
+                                                                 {"member", event.member},
+                                                                 {"signature", event.signature},
+                                                                 {"arguments", event.arguments},
+                                                                 {"detail", event.detail}};
+    for (const auto& [key, value] : fields)
+        if (!value.empty())
+            out += std::string(",\"") + key + "\":" + qv::jsonString(value);
+    if (event.answer)
+        out += ",\"answer\":" + qv::jsonString(*event.answer);
+    return out + "}";
 }
 
 Show::Show(std::FILE* people)

@@ -42,4 +42,7 @@ private:
 /// The line for people, without time and colours: "sysd <- GetParamInt(24)  = 90   orientation".
 std::string sentence(const tEvent& event, bool later);
 
+/// The event as one JSON object without a line feed. Bytes of a log line that are not UTF-8 become U+FFFD.
+std::string toJson(const tEvent& event);
+
 } // namespace sim

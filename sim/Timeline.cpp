@@ -15,44 +15,6 @@ bool isEqual(const std::optional<std::string>& wanted, const std::string& seen)
     return !wanted || *wanted == seen;
 }
 
-std::string jsonText(const std::string& text)
-{
-    std::string out = "\"";
-    for (const char c : text) {
-        const auto byte = static_cast<unsigned char>(c);
-        if (c == '"' || c == '\\') {
-            out += '\\';
-            out += c;
-        } else if (byte < 0x20) {
-            std::array<char, 8> code{};
-            std::snprintf(code.data(), code.size(), "\\u%04x", byte);
-            out += code.data();
-        } else {
-            out += c;
-        }
-    }
-    return out + '"';
-}
-
-const char* kindName(KindE kind)
-{
-    switch (kind) {
-    case KindE::eCall:
-        return "call";
-    case KindE::eSignal:
-        return "signal";
-    case KindE::eProperty:
-        return "property";
-    case KindE::eOwner:
-        return "owner";
-    case KindE::eText:
-        return "text";
-    case KindE::eFrame:
-        return "frame";
-    }
-    return "";
-}
-
 } // namespace
 
 const char* name(ChannelE channel)
@@ -70,6 +32,25 @@ const char* name(ChannelE channel)
         return "stderr";
     case ChannelE::eNote:
         return "note";
+    }
+    return "";
+}
+
+const char* name(KindE kind)
+{
+    switch (kind) {
+    case KindE::eCall:
+        return "call";
+    case KindE::eSignal:
+        return "signal";
+    case KindE::eProperty:
+        return "property";
+    case KindE::eOwner:
+        return "owner";
+    case KindE::eText:
+        return "text";
+    case KindE::eFrame:
+        return "frame";
     }
     return "";
 }
@@ -101,7 +82,7 @@ bool Match::operator()(const tEvent& event) const
 
 std::string Match::text() const
 {
-    std::string out = kind ? kindName(*kind) : "event";
+    std::string out = kind ? name(*kind) : "event";
     if (channel)
         out += std::string(" on ") + name(*channel);
     if (service || member)
@@ -347,24 +328,6 @@ std::string toText(const tEvent& event)
     else if (event.kind == KindE::eCall)
         out += "  ...";
     return out;
-}
-
-std::string toJson(const tEvent& event)
-{
-    const auto micros = std::chrono::duration_cast<std::chrono::microseconds>(event.time).count();
-    std::string out = "{\"id\":" + std::to_string(event.id) + ",\"us\":" + std::to_string(micros) + ",\"channel\":\"" +
-                      name(event.channel) + "\",\"kind\":\"" + kindName(event.kind) + "\"";
-    const std::pair<const char*, const std::string&> fields[] = {{"service", event.service},
-                                                                 {"member", event.member},
-                                                                 {"signature", event.signature},
-                                                                 {"arguments", event.arguments},
-                                                                 {"detail", event.detail}};
-    for (const auto& [key, value] : fields)
-        if (!value.empty())
-            out += std::string(",\"") + key + "\":" + jsonText(value);
-    if (event.answer)
-        out += ",\"answer\":" + jsonText(*event.answer);
-    return out + "}";
 }
 
 } // namespace sim

@@ -140,9 +140,8 @@ private:
 };
 
 const char* name(ChannelE channel);
+const char* name(KindE kind);
 /// "  1.234  system bus  sysd.SetParamInt(211, 0)  -> ok"
 std::string toText(const tEvent& event);
-/// One JSON object without a line end.
-std::string toJson(const tEvent& event);
 
 } // namespace sim

@@ -76,19 +76,15 @@ TEST(Timeline, takesALateAnswer)
     EXPECT_EQ(*event->answer, "7");
 }
 
-TEST(Timeline, writesAnEventAsALineAndAsJson)
+TEST(Timeline, writesAnEventAsALine)
 {
     tEvent event = call("SetCfgString", "\"K\", \"a\\xff\"");
     event.id = 3;
     event.time = milliseconds{1234};
-    event.signature = "ss";
     event.detail = "name";
     EXPECT_EQ(toText(event), "    1.234  system bus  sysd.SetCfgString(\"K\", \"a\\xff\")  [name]  ...");
     event.answer = "";
     EXPECT_EQ(toText(event), "    1.234  system bus  sysd.SetCfgString(\"K\", \"a\\xff\")  [name]  -> ok");
-    EXPECT_EQ(toJson(event), R"({"id":3,"us":1234000,"channel":"system bus","kind":"call","service":"sysd",)"
-                             R"("member":"SetCfgString","signature":"ss","arguments":"\"K\", \"a\\xff\"",)"
-                             R"("detail":"name","answer":""})");
 }
 
 } // namespace
