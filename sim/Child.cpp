@@ -39,7 +39,7 @@ public:
         auto result = task.get_future();
         {
             const std::lock_guard lock(mMutex);
-            mTasks.push_back(&task);
+            mTasks.push_back(std::move(task)); // not a pointer: get() returns while the task is still being left
         }
         mChanged.notify_one();
         return result.get();
@@ -59,16 +59,16 @@ private:
         for (;;) {
             std::unique_lock lock(mMutex);
             mChanged.wait(lock, [this] { return !mTasks.empty(); });
-            auto* task = mTasks.front();
+            auto task = std::move(mTasks.front());
             mTasks.pop_front();
             lock.unlock();
-            (*task)();
+            task();
         }
     }
 
     std::mutex mMutex;
     std::condition_variable mChanged;
-    std::deque<std::packaged_task<pid_t()>*> mTasks;
+    std::deque<std::packaged_task<pid_t()>> mTasks;
 };
 
 std::vector<char*> pointers(const std::vector<std::string>& texts)

@@ -8,6 +8,7 @@
 #include <functional>
 #include <future>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <thread>
 #include <type_traits>
@@ -34,9 +35,10 @@ public:
     {
         if (std::this_thread::get_id() == mThread.get_id())
             return function();
-        std::packaged_task<std::invoke_result_t<Function>()> task(std::move(function));
-        auto result = task.get_future();
-        post([&task] { task(); });
+        // Shared: get() returns while the loop's thread is still leaving the task.
+        auto task = std::make_shared<std::packaged_task<std::invoke_result_t<Function>()>>(std::move(function));
+        auto result = task->get_future();
+        post([task] { (*task)(); });
         return result.get();
     }
     /// Runs the function on the loop's thread after the time. From the loop's thread only.
