@@ -29,8 +29,11 @@ milliseconds timeOf(const std::string& text, unsigned otherwise)
 
 tBehaviour behaviourOf(const std::string& word, const std::string& argument)
 {
-    if (word == "error")
+    if (word == "error") {
+        if (!argument.empty() && sd_bus_interface_name_is_valid(argument.c_str()) <= 0)
+            refuse("'" + argument + "' is no error name; for instance com.kelvora.Error.Odd is one");
         return argument.empty() ? tBehaviour::error() : tBehaviour::error(argument);
+    }
     if (word == "silent")
         return tBehaviour::silent();
     if (word == "slow")

@@ -354,9 +354,11 @@ void Story::idleApplicationExits()
     // The two set-ups and ShowQMX end in LoadConfig; the last of the three may be the first to be due.
     constexpr std::array kDelays = {std::chrono::seconds{4}, std::chrono::seconds{4}, std::chrono::seconds{2}};
     const std::vector<tEvent> causes = mTimeline.select(call("LoadConfig"));
+    if (causes.size() < kDelays.size())
+        fail("3 calls of LoadConfig", std::to_string(causes.size()));
     std::array<Clock::duration, kDelays.size()> due{};
     for (std::size_t i = 0; i < due.size(); ++i)
-        due[i] = causes.at(i).time + kDelays[i];
+        due[i] = causes[i].time + kDelays[i];
     std::ranges::sort(due);
     const std::vector<tEvent> exits = mTimeline.select(exit);
     for (std::size_t i = 0; i < due.size(); ++i)

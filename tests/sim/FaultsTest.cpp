@@ -107,6 +107,7 @@ TEST_F(FaultsFixture, explainWhatCannotBeUnderstood)
     EXPECT_NE(refusal("clock=absent").find("there is no 'clock'"), std::string::npos);
     EXPECT_NE(refusal("logo.Stop=error").find("logo has no 'Stop'; it has Start"), std::string::npos);
     EXPECT_NE(refusal("sysd.Beep=odd").find("'odd' is nothing"), std::string::npos);
+    EXPECT_NE(refusal("sysd.Beep=error:x").find("'x' is no error name"), std::string::npos);
     EXPECT_NE(refusal("sysd.Beep=slow:soon").find("'soon' is no number"), std::string::npos);
     EXPECT_NE(refusal("sysd.Beep=error*many").find("'many' is no number"), std::string::npos);
     EXPECT_NE(refusal("line=silent").find("line=hangup"), std::string::npos);
