@@ -10,8 +10,9 @@
 
 namespace sim {
 
-PathGuard::PathGuard(std::string path)
+PathGuard::PathGuard(std::string path, std::string linkTarget)
     : mPath(std::move(path))
+    , mLinkTarget(std::move(linkTarget))
 {
     int ends[2];
     if (pipe2(ends, O_CLOEXEC) < 0)
@@ -19,7 +20,10 @@ PathGuard::PathGuard(std::string path)
     const UniqueFd guardsEnd(ends[0]);
     mEnd.reset(ends[1]);
     Child::tSpawn guard;
-    guard.argv = {"/bin/sh", "-c", "read -r line; rm -rf -- \"$0\"", mPath};
+    const char* removal = mLinkTarget.empty()
+                              ? "read -r line; rm -rf -- \"$0\""
+                              : R"sh(read -r line; [ "$(readlink -- "$0")" != "$1" ] || rm -f -- "$0")sh";
+    guard.argv = {"/bin/sh", "-c", removal, mPath, mLinkTarget};
     guard.environment = {"PATH=/usr/bin:/bin"};
     guard.in = guardsEnd.get();
     guard.outlives = true;
@@ -29,7 +33,10 @@ PathGuard::PathGuard(std::string path)
 PathGuard::~PathGuard()
 {
     std::error_code ignored;
-    std::filesystem::remove_all(mPath, ignored);
+    if (mLinkTarget.empty())
+        std::filesystem::remove_all(mPath, ignored);
+    else if (std::filesystem::read_symlink(mPath, ignored) == mLinkTarget)
+        unlink(mPath.c_str());
     mEnd.reset();
     mGuard.wait();
 }

@@ -7,19 +7,20 @@
 
 namespace sim {
 
-/// A file, link or folder that is removed when the object goes, and also when this process dies in any way: a guard
-/// process waits for that and removes it.
+/// A folder, or a link with the given target, that is removed when the object goes, and also when this process dies in
+/// any way: a guard process waits for that and removes it. What has taken the link's place meanwhile stays.
 class PathGuard
 {
 public:
-    explicit PathGuard(std::string path);
+    explicit PathGuard(std::string path, std::string linkTarget = "");
     PathGuard(const PathGuard&) = delete;
     PathGuard& operator=(const PathGuard&) = delete;
     ~PathGuard();
 
 private:
     const std::string mPath;
-    UniqueFd mEnd; ///< closed with this process
+    const std::string mLinkTarget; ///< empty: a folder
+    UniqueFd mEnd;                 ///< closed with this process
     Child mGuard;
 };
 

@@ -11,10 +11,12 @@
 #include <sys/signalfd.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <iostream>
 #include <memory>
+#include <system_error>
 
 namespace sim {
 
@@ -40,28 +42,25 @@ int applyFault(Faults& faults, const std::string& command)
     }
 }
 
-void printHead(std::FILE* out, Device& device, const LineTap& tap)
+void printHead(std::FILE* out, Device& device, const LineTap& tap, bool portIsFree)
 {
+    const std::string qv = portIsFree ? "  " VORLAN_QV_EXECUTABLE " --port " + tap.path() + " read ip-addr\n" : "";
     std::fprintf(
         out,
-        "A simulated display. Its buses and its serial line are private: nothing of this machine is touched.\n%s"
-        "To join in from another terminal:\n"
-        "  vorlan-qv --port %s read ip-addr\n"
+        "A simulated display. Its buses and its serial line are private: no service of this machine is called.\n%s"
+        "To join in from another terminal:\n%s"
         "  DBUS_SYSTEM_BUS_ADDRESS=%s DBUS_SESSION_BUS_ADDRESS=%s busctl --user introspect com.kelvora.vorlan "
         "/com/kelvora/vorlan\n\n",
-        Show::legend(), tap.path().c_str(), device.systemBus().address().c_str(), device.userBus().address().c_str());
+        Show::legend(), qv.c_str(), device.systemBus().address().c_str(), device.userBus().address().c_str());
     std::fflush(out);
 }
 
-/// The link by which other tools find the port.
+/// The link by which other tools find the port. What is already there belongs to somebody else and stays.
 std::unique_ptr<PathGuard> linkPort(const std::string& link, const std::string& port)
 {
-    char ignored = 0;
-    if (readlink(link.c_str(), &ignored, 1) >= 0)
-        unlink(link.c_str());
     if (symlink(port.c_str(), link.c_str()) < 0)
-        throw std::runtime_error("cannot make the link " + link);
-    return std::make_unique<PathGuard>(link);
+        throw std::runtime_error("cannot make the link " + link + ": " + std::generic_category().message(errno));
+    return std::make_unique<PathGuard>(link, port);
 }
 
 /// A device to play with: commands from standard input until its end is asked for.
@@ -77,7 +76,7 @@ public:
     void run(int signals)
     {
         startDaemon();
-        std::cout << "Type faults (help shows them), daemon, stop, kill or quit; Ctrl-C ends it all.\n" << std::flush;
+        std::cout << "Type faults, daemon, stop, kill or quit (help shows all); Ctrl-C ends it all.\n" << std::flush;
         pollfd pollers[] = {{signals, POLLIN, 0}, {STDIN_FILENO, POLLIN, 0}};
         while (!mQuit) {
             if (poll(pollers, 2, -1) < 0)
@@ -94,6 +93,39 @@ private:
     {
         if (!mArguments.daemon.empty())
             mDevice.start(mArguments.daemon, mArguments.daemonArguments);
+    }
+
+    void startDaemonAgain()
+    {
+        if (mArguments.daemon.empty())
+            std::cout << "there is no daemon to start: vorlan-sim was started without --daemon\n";
+        else if (mDevice.daemon().running())
+            std::cout << "the daemon runs; stop or kill it first\n";
+        else
+            startDaemon();
+    }
+
+    void signalDaemon(int number)
+    {
+        if (!mDevice.daemon().running())
+            std::cout << "no daemon runs\n";
+        else
+            mDevice.daemon().signal(number);
+    }
+
+    void killDaemon()
+    {
+        signalDaemon(SIGKILL);
+        mDevice.daemon().waitExit(kDeadline); // so that the next command finds it gone
+    }
+
+    static void printHelp()
+    {
+        printFaultHelp();
+        std::cout << "  daemon     start the daemon\n"
+                     "  stop       ask it to stop (SIGTERM); it does so with the next request\n"
+                     "  kill       end it at once (SIGKILL)\n"
+                     "  quit       end it all\n";
     }
 
     bool readInput()
@@ -115,15 +147,17 @@ private:
         if (command.empty())
             return;
         if (command == "help")
-            printFaultHelp();
+            printHelp();
         else if (command == "quit")
             mQuit = true;
         else if (command == "daemon")
-            startDaemon();
+            startDaemonAgain();
         else if (command == "stop")
-            mDevice.daemon().signal(SIGTERM);
+            signalDaemon(SIGTERM);
         else if (command == "kill")
-            mDevice.daemon().signal(SIGKILL);
+            killDaemon();
+        else if (command.find('=') == std::string::npos)
+            std::cout << "there is no command '" << command << "'; help shows all\n";
         else if (applyFault(mFaults, command) == qv::eStatusDone)
             mDevice.timeline().note("-- " + command);
         std::cout << std::flush;
@@ -217,7 +251,7 @@ int runTool(const tArguments& arguments)
     for (const std::string& fault : arguments.faults)
         faults.apply(fault);
     if (!arguments.quiet)
-        printHead(people, device, tap);
+        printHead(people, device, tap, !arguments.story); // the story plays QV itself
     try {
         if (arguments.story)
             runStory(device, tap, faults, show, arguments);

@@ -137,6 +137,8 @@ TEST(VorlanSim, noticesADaemonThatDoesNothing)
     Tool tool({"--daemon", "/bin/true", "--story"});
     EXPECT_EQ(tool.end(), exited(1));
     EXPECT_NE(tool.text().find("FAILED in step 1"), std::string::npos) << tool.text();
+    EXPECT_NE(tool.text().find("To join in from another terminal:"), std::string::npos) << tool.text();
+    EXPECT_EQ(tool.text().find("vorlan-qv"), std::string::npos) << "the story has the port: nobody can join in there";
 }
 
 TEST(VorlanSim, takesFaultsAndEndsWhenTold)
@@ -166,6 +168,61 @@ TEST(VorlanSim, cleansUpAfterEverySignal)
         EXPECT_TRUE(goes(tool.folder())) << number;
         EXPECT_TRUE(goes(link)) << number;
     }
+}
+
+TEST(VorlanSim, leavesAloneWhatIsNotItsOwn)
+{
+    TempDir folder;
+    const std::string link = folder.path() + "/port";
+    Tool first({"--port-link", link});
+    ASSERT_TRUE(first.waitFor("Ctrl-C ends it all")) << first.text();
+    const auto port = std::filesystem::read_symlink(link);
+    Tool second({"--port-link", link});
+    EXPECT_EQ(second.end(), exited(3));
+    EXPECT_NE(second.text().find("cannot make the link " + link + ": File exists"), std::string::npos) << second.text();
+    EXPECT_EQ(std::filesystem::read_symlink(link), port);
+
+    for (const int number : {SIGTERM, SIGKILL}) {
+        const std::string taken = folder.path() + "/taken" + std::to_string(number);
+        Tool tool({"--port-link", taken});
+        ASSERT_TRUE(tool.waitFor("Ctrl-C ends it all")) << tool.text();
+        std::filesystem::remove(taken);
+        std::filesystem::create_directory(taken);
+        std::ofstream(taken + "/file") << "somebody else's";
+        tool.signal(number);
+        tool.end();
+        EXPECT_TRUE(goes(tool.folder())) << "its guards have done their work";
+        EXPECT_TRUE(std::filesystem::exists(taken + "/file")) << number;
+    }
+}
+
+TEST(VorlanSim, tellsHowToJoinIn)
+{
+    Tool free({});
+    ASSERT_TRUE(free.waitFor("Ctrl-C ends it all")) << free.text();
+    EXPECT_NE(free.text().find("\n  " VORLAN_QV_EXECUTABLE " --port /tmp/vorlan-sim-"), std::string::npos)
+        << free.text();
+    free.type("quit\n");
+    EXPECT_EQ(free.end(), exited(0));
+}
+
+TEST(VorlanSim, saysWhenACommandDoesNothing)
+{
+    Tool tool({});
+    tool.type("daemon\nstop\nkill\nfoo\nhelp\nquit\n");
+    EXPECT_EQ(tool.end(), exited(0));
+    EXPECT_NE(tool.text().find("there is no daemon to start: vorlan-sim was started without --daemon\n"
+                               "no daemon runs\n"
+                               "no daemon runs\n"
+                               "there is no command 'foo'; help shows all\n"),
+              std::string::npos)
+        << tool.text();
+    EXPECT_NE(tool.text().find("  kill       end it at once"), std::string::npos) << tool.text();
+    Tool runs({"--daemon", VORLAN_DAEMON});
+    ASSERT_TRUE(runs.waitFor("GetCfgInt(\"VorlanBaud\")")) << runs.text();
+    runs.type("daemon\nquit\n");
+    EXPECT_EQ(runs.end(), exited(0));
+    EXPECT_NE(runs.text().find("the daemon runs; stop or kill it first\n"), std::string::npos) << runs.text();
 }
 
 TEST(VorlanSim, writesEachEventAsAJsonLine)
