@@ -1,9 +1,10 @@
-// Requests of every kind and noise on the line, both in great number, for one daemon on private buses. After a warm-up
-// its memory, threads and descriptors, and those of the two bus daemons, must stay what they are.
+// Requests of every kind, noise and floods on the line for one daemon on private buses. After a warm-up its memory,
+// threads and descriptors, and those of the two bus daemons, must stay what they are.
 //
 //   steady_driver DAEMON REQUESTS NOISE_BYTES ROUNDS [SEED]
 //
-// Requests and noise are spread over the rounds; after each one all is measured again.
+// Requests and noise are spread over the rounds. After each one all is measured, and once more after a flood without a
+// delimiter: nothing of it may stay in the heap. The warm-up has no flood.
 
 #include "tests/process/Rig.h"
 
@@ -28,11 +29,15 @@ using qv::Bytes;
 using qv::OutcomeE;
 using Random = std::mt19937_64;
 
-constexpr long kMaxGrowthKiB = 128; ///< of each process, over everything that follows the warm-up
+constexpr long kMaxGrowthKiB = 32; ///< of each process, over everything that follows the warm-up
 constexpr unsigned long kWarmUpRequests = 10'000;
 constexpr std::size_t kWarmUpNoise = 1 << 20;
 constexpr std::size_t kFlood = 5 << 18; ///< bytes without a delimiter, more than the daemon gathers
-constexpr unsigned long kForget = 500;  ///< requests after which the timeline is emptied: this process is no subject
+constexpr std::size_t kLongestText1 = 300;
+constexpr std::size_t kLongestText2 = 600;
+constexpr std::size_t kLongestField = 20; ///< of the network settings
+constexpr unsigned kInterfaces = 100;     ///< more than the daemon remembers
+constexpr unsigned long kForget = 500;    ///< requests after which the timeline is emptied: this process is no subject
 
 void require(bool condition, const std::string& what)
 {
@@ -121,8 +126,8 @@ std::vector<tKind> validKinds()
     write(wire::eRegWrQVStatus, 4, [](Random& random) { return Bytes{static_cast<std::uint8_t>(random() % 10)}; });
     write(wire::eRegWrQVIpAddr, 1,
           [](Random& random) { return rig::text("10.0.0." + std::to_string(random() % 250)); });
-    write(wire::eRegWrQVText1, 4, [](Random& random) { return randomText(random, 300); });
-    write(wire::eRegWrQVText2, 4, [](Random& random) { return randomText(random, 600); });
+    write(wire::eRegWrQVText1, 4, [](Random& random) { return randomText(random, kLongestText1); });
+    write(wire::eRegWrQVText2, 4, [](Random& random) { return randomText(random, kLongestText2); });
     write(wire::eRegWrTimeZone, 4, [](Random& random) { return randomBytes(random, 4, true); });
     write(wire::eRegWrTimeZoneFlag, 4, byte);
 
@@ -147,10 +152,10 @@ std::vector<tKind> validKinds()
     call(wire::eMethodClearStartCode, 4, nothing);
     call(wire::eMethodAppTriggeredUpdate, 1, [](Random& random) { return randomText(random, 200); });
     call(wire::eMethodSetNetworkCfg, 1, [](Random& random) {
-        Bytes record =
-            rig::text("eth" + std::to_string(random() % 100)) + rig::text(random() % 2 == 0 ? "DhcpClient" : "static");
+        Bytes record = rig::text("eth" + std::to_string(random() % kInterfaces)) +
+                       rig::text(random() % 2 == 0 ? "DhcpClient" : "static");
         for (int field = 0; field < 5; ++field)
-            record = record + randomText(random, 20);
+            record = record + randomText(random, kLongestField);
         record.push_back(static_cast<std::uint8_t>(random() % 3));
         for (int server = 0; server < 3; ++server)
             record = record + rig::text("8.8.4." + std::to_string(random() % 250));
@@ -254,6 +259,27 @@ public:
         }
     }
 
+    /// The longest of all that the daemon remembers, and as much of it as it remembers: what comes later can only take
+    /// its place.
+    void fill()
+    {
+        const auto longest = [](std::size_t size) { return rig::text(std::string(size, 'x')); };
+        const auto must = [&](const Bytes& message) {
+            require(mPeer.request(message, true).done(), "a request of the longest kind was not accepted");
+        };
+        must(rig::writeReg(wire::eRegWrQVText1, longest(kLongestText1)));
+        must(rig::writeReg(wire::eRegWrQVText2, longest(kLongestText2)));
+        for (unsigned i = 0; i < kInterfaces; ++i) {
+            Bytes record = rig::text("eth" + std::to_string(i)) + rig::text("DhcpClient");
+            for (int field = 0; field < 5; ++field)
+                record = record + longest(kLongestField);
+            record.push_back(0);
+            for (int server = 0; server < 3; ++server)
+                record = record + longest(kLongestField);
+            must(rig::call(wire::eMethodSetNetworkCfg, record));
+        }
+    }
+
     void noise(std::size_t bytes)
     {
         const std::size_t part = bytes / 4;
@@ -353,13 +379,13 @@ private:
     std::size_t mNoise = 0;
 };
 
-void printRow(const Steady& steady, std::chrono::seconds time, const Uses& uses)
+void printRow(const Steady& steady, std::chrono::seconds time, const Uses& uses, const char* remark)
 {
     std::printf("%9lu %7.1f %6lld", steady.asked(), static_cast<double>(steady.noiseSoFar()) / 1e6,
                 static_cast<long long>(time.count()));
     for (const auto& use : uses)
         std::printf(" | %6ld %6ld %4ld %4ld", use.rssKiB, use.anonymousKiB, use.threads, use.descriptors);
-    std::printf("\n");
+    std::printf("%s\n", remark);
     std::fflush(stdout);
 }
 
@@ -398,21 +424,26 @@ bool run(const std::string& daemon, unsigned long requests, std::size_t noise, u
     const auto start = qv::Clock::now();
     // The heap takes its size when large blocks have come and gone between the small ones.
     const auto warmUp = std::min(kWarmUpRequests, requests / 2);
+    steady.fill();
     steady.ask(warmUp - warmUp / 4);
     steady.noise(kWarmUpNoise);
-    steady.flood();
     steady.ask(warmUp / 4);
     steady.noise(kWarmUpNoise);
     const Uses first = steady.measure();
     const auto seconds = [&] { return std::chrono::duration_cast<std::chrono::seconds>(qv::Clock::now() - start); };
-    printRow(steady, seconds(), first);
+    printRow(steady, seconds(), first, "  warmed up");
     bool flat = true;
+    const auto check = [&](const char* remark) {
+        const Uses now = steady.measure(first[0].threads);
+        printRow(steady, seconds(), now, remark);
+        flat = isFlat(first, now) && flat;
+    };
     for (unsigned long round = 0; round < rounds; ++round) {
         steady.ask((requests - warmUp) / rounds + (round < (requests - warmUp) % rounds ? 1 : 0));
         steady.noise(noise / rounds);
-        const Uses now = steady.measure(first[0].threads);
-        printRow(steady, seconds(), now);
-        flat = isFlat(first, now) && flat;
+        check("");
+        steady.flood();
+        check("  after a flood without a delimiter");
     }
     steady.stop();
     std::printf("%s: at most %ld KiB, no thread and no descriptor more than after the warm-up\n",
