@@ -16,6 +16,7 @@
 #include <optional>
 #include <regex>
 #include <set>
+#include <span>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -71,7 +72,24 @@ constexpr std::array<tFrame, 14> kFrames = {{{"eShort", false, "eOther"},
                                              {"eGood", true, "eSame", false},
                                              {"eGood", true, "eBefore", false},
                                              {"eGood", true, "eOther", false}}};
-constexpr std::size_t kAnswered = 8; ///< the first so many
+constexpr std::span kAnswered(kFrames.data(), 8);
+
+/// Of what a broken frame says nothing counts.
+constexpr std::array<tFrame, 15> kMostlyBroken = {{{"eGood", true, "eSame"},
+                                                   {"eGood", false, "eSame"},
+                                                   {"eGood", false, "eBefore"},
+                                                   {"eShort", false, "eSame"},
+                                                   {"eShort", false, "eBefore"},
+                                                   {"eShort", false, "eOther"},
+                                                   {"eShort", true, "eSame"},
+                                                   {"eShort", true, "eBefore"},
+                                                   {"eShort", true, "eOther"},
+                                                   {"eBadCrc", false, "eSame"},
+                                                   {"eBadCrc", false, "eBefore"},
+                                                   {"eBadCrc", false, "eOther"},
+                                                   {"eBadCrc", true, "eSame"},
+                                                   {"eBadCrc", true, "eBefore"},
+                                                   {"eBadCrc", true, "eOther"}}};
 
 /// The daemon's end as the model has it.
 class LinkModel
@@ -220,12 +238,12 @@ protected:
         eEachOther
     };
 
-    /// All sequences of so many of the first `kinds` frames.
-    void playEverySequence(std::size_t kinds, std::size_t length, OthersE others = eOneOther)
+    /// All sequences of so many of these frames.
+    void playEverySequence(std::span<const tFrame> kinds, std::size_t length, OthersE others = eOneOther)
     {
         std::size_t sequences = 1;
         for (std::size_t i = 0; i < length; ++i)
-            sequences *= kinds;
+            sequences *= kinds.size();
         testing::internal::CaptureStderr(); // a line for each broken frame
         for (std::size_t sequence = 0; sequence < sequences && !HasFatalFailure(); ++sequence) {
             SCOPED_TRACE("sequence " + std::to_string(sequence));
@@ -241,22 +259,22 @@ protected:
         testing::internal::GetCapturedStderr();
     }
 
-    static bool hasOther(std::size_t sequence, std::size_t kinds, std::size_t length)
+    static bool hasOther(std::size_t sequence, std::span<const tFrame> kinds, std::size_t length)
     {
-        for (std::size_t i = 0; i < length; ++i, sequence /= kinds)
-            if (kFrames[sequence % kinds].relation == std::string("eOther"))
+        for (std::size_t i = 0; i < length; ++i, sequence /= kinds.size())
+            if (kinds[sequence % kinds.size()].relation == std::string("eOther"))
                 return true;
         return false;
     }
 
-    void play(std::size_t sequence, std::size_t kinds, std::size_t length, unsigned int other)
+    void play(std::size_t sequence, std::span<const tFrame> kinds, std::size_t length, unsigned int other)
     {
         startLink();
         LinkModel model;
         std::size_t sent = 0;
-        for (std::size_t i = 0; i < length; ++i, sequence /= kinds) {
+        for (std::size_t i = 0; i < length; ++i, sequence /= kinds.size()) {
             SCOPED_TRACE("frame " + std::to_string(i));
-            const tFrame& frame = kFrames[sequence % kinds];
+            const tFrame& frame = kinds[sequence % kinds.size()];
             const tBytes request = {0x02, static_cast<unsigned char>(i)};
             const tBytes reply = {0x02, static_cast<unsigned char>(i), 0x80};
             const unsigned int number = numberOf(frame, model.number(), other);
@@ -304,11 +322,16 @@ TEST_F(LinkModelTest, theDataLinkFollowsItWhenItAnswersEachRequest)
 TEST_F(LinkModelTest, theDataLinkFollowsItWhateverTheOtherNumberIs)
 {
     playEverySequence(kAnswered, 3, eEachOther);
-    playEverySequence(kFrames.size(), 2, eEachOther);
+    playEverySequence(kFrames, 2, eEachOther);
+}
+
+TEST_F(LinkModelTest, theDataLinkFollowsItWhateverIsInABrokenFrame)
+{
+    playEverySequence(kMostlyBroken, 3);
 }
 
 TEST_F(LinkModelTest, theDataLinkFollowsItWhenFramesOvertakeReplies)
 {
-    playEverySequence(kFrames.size(), 3);
+    playEverySequence(kFrames, 3);
     EXPECT_EQ(LinkModel::used().size(), LinkModel::rules().size()) << "a rule is never needed";
 }
