@@ -8,6 +8,7 @@ namespace qv {
 
 namespace {
 using std::chrono::milliseconds;
+constexpr milliseconds kPauseStep{20};                     ///< how soon a stop is noticed
 constexpr std::uint64_t kReceiveSeed = 0x9E3779B97F4A7C15; ///< keeps the two directions from failing together
 } // namespace
 
@@ -84,13 +85,27 @@ std::vector<std::pair<milliseconds, Bytes>> BadLine::spoil(tDirection& direction
     return {{delay, Bytes(frame.begin(), cut)}, {mOptions.splitPause, Bytes(cut, frame.end())}};
 }
 
+bool BadLine::pauseFor(milliseconds time) const
+{
+    const auto end = Clock::now() + time;
+    for (auto now = Clock::now(); now < end; now = Clock::now()) {
+        if (mStop != nullptr && *mStop) {
+            return false;
+        }
+        std::this_thread::sleep_until(std::min<Clock::time_point>(end, now + kPauseStep));
+    }
+    return true;
+}
+
 void BadLine::write(ByteView bytes)
 {
+    bool begun = false; // then the rest follows, stopped or not: half a frame would spoil the next one
     for (const auto& [pause, piece] : spoil(mOut, Bytes(bytes.begin(), bytes.end()))) {
-        if (pause.count() > 0) {
-            std::this_thread::sleep_for(pause);
+        if (!pauseFor(pause) && !begun) {
+            return;
         }
         mLine.write(piece);
+        begun = true;
     }
 }
 

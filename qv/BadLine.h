@@ -3,6 +3,7 @@
 #include "qv/Frame.h"
 #include "qv/Line.h"
 
+#include <atomic>
 #include <deque>
 #include <random>
 
@@ -44,6 +45,9 @@ public:
     /// From now on; bursts under way end. The seed stays what it was.
     void setOptions(const tBadLineOptions& options);
 
+    /// While the flag is set, a delay ends at once and its frame is not sent; null: it is never set.
+    void setStop(const std::atomic<bool>* stop) { mStop = stop; }
+
     void write(ByteView bytes) override;
     Bytes read(Clock::time_point deadline) override;
 
@@ -70,7 +74,10 @@ private:
     /// The frame's pieces with the time to wait before each; none when it is lost.
     std::vector<std::pair<std::chrono::milliseconds, Bytes>> spoil(tDirection& direction, Bytes frame) const;
     void queueReceived(ByteView bytes);
+    /// False when it was stopped.
+    bool pauseFor(std::chrono::milliseconds time) const;
 
+    const std::atomic<bool>* mStop = nullptr;
     Line& mLine;
     tBadLineOptions mOptions;
     tDirection mOut;

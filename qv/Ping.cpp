@@ -66,7 +66,7 @@ void tPingReport::writeText(std::ostream& out, bool withHistogram) const
 
 void tPingReport::writeJson(std::ostream& out) const
 {
-    out << R"({"sent":)" << sent << R"(,"answered":)" << times.size() << R"(,"repeats":)" << repeats;
+    out << R"({"request":"ping","sent":)" << sent << R"(,"answered":)" << times.size() << R"(,"repeats":)" << repeats;
     if (!times.empty()) {
         char text[160];
         std::snprintf(text, sizeof text, R"(,"minMs":%.6f,"medianMs":%.6f,"p99Ms":%.6f,"maxMs":%.6f)",

@@ -357,7 +357,7 @@ tRequest writeRequest(std::string_view name, std::string_view value)
 {
     const auto [reg, number] = resolve<tRegister>(wire::kWriteRegisters, name, "register to write called");
     tRequest request{{wire::eCmdWriteReg, number}, "", textOf(reg, number), number, true, {}};
-    request.text = "write " + request.name + " " + std::string(value);
+    request.text = "write " + request.name + " " + quotedWord(std::string(value));
     append(request.message, reg != nullptr ? fieldBytes(reg->value, value) : rawBytes(value));
     return request;
 }

@@ -76,6 +76,14 @@ const char* errorName(OutcomeE outcome)
     return "";
 }
 
+int statusOf(const tResult& result)
+{
+    if (result.done()) {
+        return eStatusDone;
+    }
+    return result.outcome == OutcomeE::eRefused ? eStatusRefused : eStatusNoAnswer;
+}
+
 /// Takes "--name N" out of the words.
 std::int64_t takeOption(std::vector<std::string>& words, const char* name, std::int64_t otherwise, std::int64_t min,
                         std::int64_t max)
@@ -141,6 +149,17 @@ void Session::setTrace(bool on)
     mPeer.setTrace(on ? Peer::TraceFn(FrameTrace(mErr)) : Peer::TraceFn());
 }
 
+int Session::misunderstood(const std::string& words, const std::string& what)
+{
+    if (mOptions.json) {
+        mOut << R"({"request":)" << jsonString(words) << R"(,"error":"usage","mayBeDone":false,"message":)"
+             << jsonString(mWhere + what) << "}\n";
+        mOut.flush();
+    }
+    mErr << mWhere << what << '\n';
+    return eStatusUsage;
+}
+
 int Session::report(const tRequest& request, const tResult& result)
 {
     const bool refused = result.outcome == OutcomeE::eRefused;
@@ -157,11 +176,14 @@ int Session::report(const tRequest& request, const tResult& result)
         mErr << request.text << ": " << explainNoAnswer(request, result, mPeer.options()) << '\n';
     }
     mErr.flush();
-    return refused ? eStatusRefused : eStatusNoAnswer;
+    return statusOf(result);
 }
 
 tResult Session::ask(const tRequest& request)
 {
+    if (mOptions.connect) {
+        mOptions.connect();
+    }
     auto result = mPeer.request(request.message, request.safeToRepeat);
     if (result.done() && request.replyType && !isValue(*request.replyType, result.data)) {
         result.outcome = OutcomeE::eBadReply;
@@ -242,6 +264,9 @@ int Session::boot(const std::string& fileName)
     auto status = playLines(fileName, lines);
     mChecking = false;
     if (status == eStatusDone) {
+        if (mOptions.connect) {
+            mOptions.connect(); // before the first line is shown
+        }
         status = playLines(fileName, lines);
     } else {
         mErr << fileName << ": nothing was sent\n";
@@ -309,7 +334,8 @@ int Session::watch(const std::string& name, std::chrono::milliseconds every, uns
         if (stopped) {
             break;
         }
-        const auto text = result.done() ? valueText(request, result.data) : std::string("(no answer)");
+        const auto text =
+            result.done() ? valueText(request, result.data) : std::string("(") + errorName(result.outcome) + ")";
         if (text != shown) {
             shown = text;
             if (!result.done()) {
@@ -321,7 +347,7 @@ int Session::watch(const std::string& name, std::chrono::milliseconds every, uns
                 showReading(request, result.data, 0);
             }
         }
-        status = result.done() ? eStatusDone : eStatusNoAnswer;
+        status = statusOf(result);
         if (count == 0 || i + 1 < count) {
             pauseUntil(next);
         }
@@ -451,8 +477,11 @@ try {
     }
     return (this->*command->run)(rest);
 } catch (const std::invalid_argument& error) {
-    mErr << mWhere << error.what() << '\n';
-    return eStatusUsage;
+    std::string typed;
+    for (const auto& word : words) {
+        typed += (typed.empty() ? "" : " ") + quotedWord(word);
+    }
+    return misunderstood(typed, error.what());
 }
 
 int Session::runLine(const std::string& line)
@@ -461,8 +490,7 @@ int Session::runLine(const std::string& line)
     try {
         words = splitWords(line);
     } catch (const RequestError& error) {
-        mErr << mWhere << error.what() << '\n';
-        return eStatusUsage;
+        return misunderstood(line, error.what());
     }
     return run(words);
 }

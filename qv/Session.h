@@ -35,6 +35,8 @@ struct tSessionOptions
 {
     bool json = false;
     bool quiet = false; ///< only values and errors
+    /// Called before each request, when its words were understood; makes the line ready. May throw LineError.
+    std::function<void()> connect = {};
 };
 
 /// The commands of vorlan-qv on one link, for the command line, the prompt and boot files. Results go to `out`, what
@@ -68,6 +70,7 @@ public:
     /// else as a failure. May be called from a signal handler.
     void stop() { mStop = true; }
     bool stopped() const { return mStop; }
+    const std::atomic<bool>& stopFlag() const { return mStop; }
     void forgetStop() { mStop = false; }
     /// Frames on `err` from now on, or no longer.
     void setTrace(bool on);
@@ -92,6 +95,8 @@ private:
     /// As Peer::request; a reply that is no value of the register read is no success.
     tResult ask(const tRequest& request);
     int finish(const tRequest& request);
+    /// Tells of words that were not understood; gives the status.
+    int misunderstood(const std::string& words, const std::string& what);
     int playLines(const std::string& fileName, std::span<const std::string> lines);
     void showReading(const tRequest& request, ByteView data, std::size_t width);
     /// Tells of a request that did not succeed; gives its status.

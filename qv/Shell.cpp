@@ -88,15 +88,28 @@ Words argumentWords(const wire::tMethod& method, std::span<const std::string> gi
     return words;
 }
 
+/// As it has to be typed behind what was typed of it already.
+std::string withBackslashes(const std::string& fileName)
+{
+    std::string typed;
+    for (const char c : fileName) {
+        typed += (std::string_view(" \t\\'\"").find(c) != std::string_view::npos ? "\\" : "") + std::string(1, c);
+    }
+    return typed;
+}
+
 Words fileWords(const std::string& word)
 {
     namespace fs = std::filesystem;
     const auto slash = word.rfind('/');
     const auto folder = slash == std::string::npos ? std::string() : word.substr(0, slash + 1);
     Words words;
-    std::error_code error;
-    for (const auto& entry : fs::directory_iterator(folder.empty() ? "." : folder, error)) {
-        words.push_back(folder + entry.path().filename().string() + (entry.is_directory(error) ? "/" : ""));
+    std::error_code error; // nobody could catch an exception here: readline calls this
+    std::error_code noFolder;
+    for (fs::directory_iterator file(folder.empty() ? "." : folder, error), end; !error && file != end;
+         file.increment(error)) {
+        words.push_back(folder + withBackslashes(file->path().filename().string()) +
+                        (file->is_directory(noFolder) ? "/" : ""));
     }
     std::ranges::sort(words);
     return words;

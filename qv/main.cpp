@@ -10,10 +10,12 @@
 #include <unistd.h>
 
 #include <charconv>
+#include <cstdlib>
 #include <iostream>
 #include <limits>
 #include <map>
 #include <memory>
+#include <optional>
 #include <random>
 #include <span>
 
@@ -38,6 +40,8 @@ unknown, or the results could not be written).)";
 /// CLI11 takes "-5" for an option. Negative numbers, and what follows "--", are marked before it sees them, and
 /// unmarked after.
 constexpr char kNoOptionMark = '\x01';
+
+constexpr const char* kBaudVariable = "VORLAN_QV_BAUD";
 
 struct tArguments
 {
@@ -90,12 +94,14 @@ std::vector<std::string> markNoOptions(int argc, char** argv)
     return args;
 }
 
-/// What is wrong with a rate; empty for a good one.
-std::string checkRate(const std::string& text)
+/// Makes a rate decimal, for CLI11 would take one that begins with 0 for octal. Gives what is wrong with it; empty for
+/// a good one.
+std::string checkRate(std::string& text)
 {
     try {
-        const auto baud = qv::parseNumber(text, 0, std::numeric_limits<std::int32_t>::max());
+        const auto baud = qv::parseNumber(unmarked(text), 0, std::numeric_limits<std::int32_t>::max());
         if (qv::Port::isKnownRate(static_cast<unsigned>(baud))) {
+            text = std::to_string(baud);
             return {};
         }
     } catch (const qv::ValueError&) {
@@ -113,15 +119,18 @@ std::string checkProbability(const std::string& text)
     return good ? "" : "'" + text + "' is no probability: 0 to 1";
 }
 
-/// As CLI::Range, with whole numbers in its complaint.
-CLI::Validator wholeRange(unsigned min, unsigned max)
+/// A whole number as everywhere else in this program, in any base; made decimal as by checkRate.
+CLI::Validator wholeNumber(std::int64_t min, std::int64_t max)
 {
-    const auto range = std::to_string(min) + " to " + std::to_string(max);
-    return {[=](const std::string& text) {
-                const bool good = CLI::Range(min, max)(text).empty() && text.find('-') == std::string::npos;
-                return good ? "" : "Value " + text + " not in range " + range;
+    return {[=](std::string& text) -> std::string {
+                try {
+                    text = std::to_string(qv::parseNumber(unmarked(text), min, max));
+                    return {};
+                } catch (const qv::ValueError& error) {
+                    return error.what();
+                }
             },
-            range};
+            std::to_string(min) + " to " + std::to_string(max)};
 }
 
 void addLineOptions(CLI::App& app, tArguments& arguments)
@@ -129,19 +138,19 @@ void addLineOptions(CLI::App& app, tArguments& arguments)
     app.add_option("-p,--port", arguments.port, "serial port to the device, for instance /dev/ttyUSB0")
         ->envname("VORLAN_QV_PORT")
         ->type_name("DEV");
-    app.add_option("-b,--baud", arguments.baud, "rate of the line in bit/s")
-        ->envname("VORLAN_QV_BAUD")
+    app.add_option("-b,--baud", arguments.baud,
+                   "rate of the line in bit/s; may come from " + std::string(kBaudVariable))
         ->type_name("N")
         ->capture_default_str()
-        ->check(checkRate);
+        ->transform(CLI::Validator(checkRate, ""));
     app.add_option("--timeout", arguments.timeout, "how long one try waits for its answer, in ms")
         ->type_name("MS")
         ->capture_default_str()
-        ->check(CLI::Range(1, 600000));
+        ->transform(wholeNumber(1, 600000));
     app.add_option("--tries", arguments.tries, "how often a request is sent at most")
         ->type_name("N")
         ->capture_default_str()
-        ->check(CLI::Range(1, 1000));
+        ->transform(wholeNumber(1, 1000));
 }
 
 void addOutputOptions(CLI::App& app, tArguments& arguments)
@@ -163,16 +172,17 @@ void addBadLineOptions(CLI::App& app, tArguments& arguments)
     app.add_flag("--split", arguments.bad.split, "each frame comes in two pieces")->group(group);
     app.add_option("--delay", arguments.delay, "each frame comes late by up to this, in ms")
         ->type_name("MS")
-        ->check(CLI::Range(0, 60000))
+        ->transform(wholeNumber(0, 60000))
         ->group(group);
     app.add_option("--burst", arguments.bad.burst, "a loss or corruption goes on for so many frames")
         ->type_name("N")
         ->capture_default_str()
-        ->check(wholeRange(1, kMost))
+        ->transform(wholeNumber(1, kMost))
         ->group(group);
     app.add_option("--seed", arguments.bad.seed, "the same seed does the same again")
         ->type_name("N")
         ->capture_default_str()
+        ->transform(wholeNumber(0, std::numeric_limits<std::int64_t>::max()))
         ->group(group);
 }
 
@@ -237,15 +247,16 @@ void addCommands(CLI::App& app, tArguments& arguments)
     watch->add_option("--every", arguments.every, "time between two readings, in ms")
         ->type_name("MS")
         ->capture_default_str()
-        ->check(wholeRange(0, std::numeric_limits<int>::max()));
+        ->transform(wholeNumber(0, std::numeric_limits<int>::max()));
     watch->add_option("--count", arguments.count, "end after so many readings (0: Ctrl-C ends it)")
         ->type_name("N")
-        ->capture_default_str();
+        ->capture_default_str()
+        ->transform(wholeNumber(0, kMost));
     auto* ping = app.add_subcommand("ping", "measure round trips of a harmless read");
     ping->add_option("--count", arguments.pings, "how many")
         ->type_name("N")
         ->capture_default_str()
-        ->check(wholeRange(1, kMost));
+        ->transform(wholeNumber(1, kMost));
     for (auto* command : app.get_subcommands({})) {
         const auto own = command->get_footer();
         command->footer((own.empty() ? "" : own + "\n") + "For --port and the other options see: vorlan-qv --help");
@@ -307,8 +318,8 @@ std::string complaint(const CLI::App& app, const CLI::ParseError& error)
     }
     const auto& word = unknown.front();
     if (word.starts_with('-')) {
-        return "there is no option '" + word + "'" +
-               (hasCommand && !word.starts_with("--") ? "; a value that begins with - goes behind --" : "");
+        const bool takesValues = hasCommand && (app.got_subcommand("write") || app.got_subcommand("call"));
+        return "there is no option '" + word + "'" + (takesValues ? "; a value that begins with - goes behind --" : "");
     }
     if (hasCommand) {
         return "'" + word + "' is one word too many";
@@ -321,9 +332,50 @@ std::string complaint(const CLI::App& app, const CLI::ParseError& error)
     return "there is no command '" + word + "'";
 }
 
+/// A port that is opened when it is needed: a mistake in the words is told without it.
+class LatePort : public qv::Line
+{
+public:
+    LatePort(std::string device, unsigned baud)
+        : mDevice(std::move(device))
+        , mBaud(baud)
+    {}
+
+    /// As Port::open; later calls do nothing.
+    void open()
+    {
+        if (!mPort) {
+            mPort.emplace(qv::Port::open(mDevice, mBaud));
+        }
+    }
+    void write(qv::ByteView bytes) override { mPort.value().write(bytes); }
+    qv::Bytes read(qv::Clock::time_point deadline) override { return mPort.value().read(deadline); }
+
+private:
+    const std::string mDevice;
+    const unsigned mBaud;
+    std::optional<qv::Port> mPort;
+};
+
+/// The rate of the line from the environment when the command line has none. Gives what is wrong with it.
+std::string takeBaudVariable(const CLI::App& app, tArguments& arguments)
+{
+    const auto* variable = std::getenv(kBaudVariable);
+    if (app.count("--baud") != 0 || variable == nullptr || *variable == '\0') {
+        return {};
+    }
+    std::string text = variable;
+    const auto fault = checkRate(text);
+    if (!fault.empty()) {
+        return std::string(kBaudVariable) + ": " + fault;
+    }
+    arguments.baud = static_cast<unsigned>(std::stoul(text));
+    return {};
+}
+
 int runOnLine(const CLI::App& command, const tArguments& arguments)
 {
-    auto port = qv::Port::open(arguments.port, arguments.baud);
+    LatePort port(arguments.port, arguments.baud);
     auto badOptions = arguments.bad;
     badOptions.delay = std::chrono::milliseconds(arguments.delay);
     std::unique_ptr<qv::BadLine> bad;
@@ -337,9 +389,15 @@ int runOnLine(const CLI::App& command, const tArguments& arguments)
     // A late answer to an earlier run must not look like the answer to this one's first frame.
     options.firstNumber = static_cast<std::uint8_t>(std::random_device()() % 16);
     qv::Peer peer(bad ? static_cast<qv::Line&>(*bad) : port, options);
-    qv::Session session(peer, std::cout, std::cerr, arguments.session);
+    auto sessionOptions = arguments.session;
+    sessionOptions.connect = [&port] { port.open(); };
+    qv::Session session(peer, std::cout, std::cerr, sessionOptions);
     session.setTrace(arguments.trace);
+    if (bad) {
+        bad->setStop(&session.stopFlag());
+    }
     if (command.get_name() == "shell") {
+        port.open();
         return qv::runShell(session, {.historyFile = qv::defaultHistoryFile(), .extra = {}});
     }
     const qv::StopOnSignal stop(session);
@@ -391,6 +449,10 @@ int run(int argc, char** argv)
     }
     if (arguments.port.empty()) {
         std::cerr << "vorlan-qv: which port? Give --port, for instance --port /dev/ttyUSB0, or set VORLAN_QV_PORT.\n";
+        return qv::eStatusUsage;
+    }
+    if (const auto fault = takeBaudVariable(app, arguments); !fault.empty()) {
+        std::cerr << "vorlan-qv: " << fault << '\n';
         return qv::eStatusUsage;
     }
     try {

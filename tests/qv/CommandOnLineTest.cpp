@@ -82,7 +82,9 @@ protected:
         mRequests.push_back(frame.payload);
         ++mCount;
         qv::Bytes payload{static_cast<std::uint8_t>(frame.payload[0] & wire::kCommandMask)};
-        if (payload[0] == wire::eCmdReadReg) {
+        if (mRefuses && !frame.hasResetFlag()) {
+            payload[0] |= wire::kErrorBit;
+        } else if (payload[0] == wire::eCmdReadReg) {
             payload.push_back(0);
         }
         mMaster.write(qv::toWire(qv::buildFrame(qv::nextNumber(frame.number()), payload)));
@@ -122,7 +124,8 @@ protected:
     std::string mFile = testing::TempDir() + "/boot." + std::to_string(getpid());
     std::thread mThread;
     std::atomic<bool> mHush{false};
-    std::atomic<unsigned> mCount{0}; ///< requests that came
+    std::atomic<bool> mRefuses{false}; ///< everything but the frames that get in step
+    std::atomic<unsigned> mCount{0};   ///< requests that came
     // What the other end got: to be looked at after hush().
     qv::Bytes mReceived;
     std::vector<qv::Bytes> mRequests;
@@ -163,6 +166,28 @@ TEST_F(CommandOnLineTest, CtrlCInAWatchEndsTheStartUpToo)
     EXPECT_EQ(run.status, 3);
     EXPECT_EQ(run.err, mFile + ":1: interrupted\n");
     EXPECT_THAT(mRequests, Not(Contains(kBeep)));
+}
+
+TEST_F(CommandOnLineTest, CtrlCEndsADelayOnPurpose)
+{
+    answer();
+    Program program(command({"--trace", "--delay", "60000", "--seed", "5", "read", "0"}));
+    ASSERT_TRUE(program.writes("get in step"));
+    program.signal(SIGINT);
+    const auto run = program.end();
+    EXPECT_EQ(run.status, 3);
+    EXPECT_THAT(run.err, HasSubstr("interrupted"));
+    hush();
+    EXPECT_THAT(mReceived, IsEmpty()) << "what was still to come is not sent";
+}
+
+TEST_F(CommandOnLineTest, AWatchThatIsRefusedSaysSo)
+{
+    mRefuses = true;
+    answer();
+    const auto run = runProgram(command({"watch", "const-0", "--every", "0", "--count", "2"}));
+    EXPECT_EQ(run.status, 1);
+    EXPECT_THAT(run.err, StartsWith("read const-0: refused by the device (error bit set)"));
 }
 
 TEST_F(CommandOnLineTest, CtrlCEndsAScript)

@@ -160,7 +160,7 @@ TEST_F(CommandTest, MeasuresRoundTrips)
     EXPECT_THAT(run.out, StartsWith("50 requests, 50 answered, 0 repeats\nminimum "));
     EXPECT_EQ(std::ranges::count(run.out, '\n'), 12) << "two lines and ten bars";
     EXPECT_THAT(qvCommand({"--json", "ping", "--count", "5"}).out,
-                StartsWith(R"({"sent":5,"answered":5,"repeats":0,"minMs":)"));
+                StartsWith(R"({"request":"ping","sent":5,"answered":5,"repeats":0,"minMs":)"));
 }
 
 TEST_F(CommandTest, WatchesARegister)
@@ -255,6 +255,9 @@ TEST(Usage, MistakesHaveStatus2)
         {"--no-such-option", "list"},
         {"--port", "/dev/null", "--lose", "nan", "read", "ip-addr"},
         {"--port", "/dev/null", "--burst", "0", "read", "ip-addr"},
+        {"--port", "/no/such/port", "read", "brightnes"},
+        {"--port", "/no/such/port", "boot", "/no/such/file"},
+        {"--port", "/no/such/port", "call", "set-time", "2040-01-01"},
     };
     for (const auto& arguments : mistakes) {
         const auto run = runCommand(arguments);
@@ -281,12 +284,14 @@ TEST(Usage, MistakesAreNamed)
     EXPECT_EQ(complaintOf({"read", "0", "--prt=x"}), "vorlan-qv: there is no option '--prt=x'");
     EXPECT_EQ(complaintOf({"call", "set-cfg-str", "Foo", "-x"}),
               "vorlan-qv: there is no option '-x'; a value that begins with - goes behind --");
+    EXPECT_EQ(complaintOf({"write", "qv-text-1", "--foo"}),
+              "vorlan-qv: there is no option '--foo'; a value that begins with - goes behind --");
     EXPECT_EQ(complaintOf({"list", "foo"}), "vorlan-qv: 'foo' is one word too many");
     EXPECT_EQ(complaintOf({}), "vorlan-qv: a command is missing");
-    EXPECT_EQ(complaintOf({"ping", "--count", "0"}), "vorlan-qv: --count: Value 0 not in range 1 to 4294967295");
-    EXPECT_EQ(complaintOf({"ping", "--count", "-1"}), "vorlan-qv: --count: Value -1 not in range 1 to 4294967295");
+    EXPECT_EQ(complaintOf({"ping", "--count", "0"}), "vorlan-qv: --count: 0 is out of range: 1 to 4294967295");
+    EXPECT_EQ(complaintOf({"ping", "--count", "-1"}), "vorlan-qv: --count: -1 is out of range: 1 to 4294967295");
     EXPECT_EQ(complaintOf({"watch", "0", "--every", "3000000000"}),
-              "vorlan-qv: --every: Value 3000000000 not in range 0 to 2147483647");
+              "vorlan-qv: --every: 3000000000 is out of range: 0 to 2147483647");
     EXPECT_EQ(complaintOf({"--lose", "nan", "read", "0"}), "vorlan-qv: --lose: 'nan' is no probability: 0 to 1");
 }
 
@@ -303,10 +308,56 @@ TEST_F(CommandTest, MistakesInNamesAndValuesHaveStatus2AndSendNothing)
     }
 }
 
+TEST(Usage, NumbersThatBeginWithZeroAreDecimal)
+{
+    const auto run = runCommand({"--port", "/dev/null", "--baud", "0115200", "read", "0"});
+    EXPECT_THAT(run.err, HasSubstr("/dev/null is not a serial port")) << "and there is such a rate";
+    EXPECT_EQ(complaintOf({"--timeout", "0600001", "read", "0"}),
+              "vorlan-qv: --timeout: 0600001 is out of range: 1 to 600000");
+}
+
+TEST(Usage, ABadRateInTheEnvironmentIsNamedWhereALineIsNeeded)
+{
+    const std::vector<std::string> with{"/usr/bin/env", "VORLAN_QV_BAUD=fast", kVorlanQv, "--port", "/dev/null"};
+    const auto status = [&](std::initializer_list<std::string> words, std::string& err) {
+        auto argv = with;
+        argv.insert(argv.end(), words);
+        const auto run = runProgram(argv);
+        err = run.err;
+        return run.status;
+    };
+    std::string err;
+    EXPECT_EQ(status({"list"}, err), 0);
+    EXPECT_EQ(err, "");
+    EXPECT_EQ(status({"read", "0"}, err), 2);
+    EXPECT_EQ(err, "vorlan-qv: VORLAN_QV_BAUD: 'fast' is no rate\n");
+    EXPECT_EQ(status({"--baud", "9600", "read", "0"}, err), 3) << "the option wins";
+    const auto odd = runProgram({"/usr/bin/env", "VORLAN_QV_BAUD=010", kVorlanQv, "--port", "/dev/null", "read", "0"});
+    EXPECT_THAT(odd.err, StartsWith("vorlan-qv: VORLAN_QV_BAUD: no such rate; there are 50, "));
+}
+
+TEST(Usage, MistakesAreJsonToo)
+{
+    const std::string file = testing::TempDir() + "/qv-mistakes." + std::to_string(getpid());
+    std::ofstream(file) << "call beep\nread 'x\njump 'a b'\n";
+    const auto run = runCommand({"--json", "--port", "/no/such/port", "boot", file});
+    std::filesystem::remove(file);
+    EXPECT_EQ(run.status, 2);
+    EXPECT_EQ(run.out, R"({"request":"read 'x","error":"usage","mayBeDone":false,"message":")" + file +
+                           R"(:2: a quotation mark ' is missing"})"
+                           "\n"
+                           R"({"request":"jump 'a b'","error":"usage","mayBeDone":false,"message":")" +
+                           file +
+                           R"(:3: there is no command 'jump'; there are read, write, call, network, watch, ping, )"
+                           R"(list, trace"})"
+                           "\n");
+}
+
 TEST(Usage, APortThatCannotBeOpenedHasStatus3)
 {
     const auto run = runCommand({"--port", "/no/such/port", "read", "ip-addr"});
     EXPECT_EQ(run.status, 3);
+    EXPECT_EQ(run.out, "");
     EXPECT_THAT(run.err, StartsWith("vorlan-qv: cannot open /no/such/port: No such file or directory\n"));
     EXPECT_EQ(runCommand({"--port", "/dev/null", "read", "ip-addr"}).status, 3);
 }

@@ -173,6 +173,13 @@ TEST(Request, TheNetworkCommandTakesNamesOnly)
               "[netmask] [gateway] [hostname] [dns-domain] [dns-mode] [dns-server-0] [dns-server-1] [dns-server-2]");
 }
 
+TEST(Request, ItsTextCanBeTypedAgain)
+{
+    EXPECT_EQ(qv::writeRequest("qv-text-1", "a b").text, "write qv-text-1 'a b'");
+    EXPECT_EQ(qv::writeRequest("qv-text-1", "").text, "write qv-text-1 ''");
+    EXPECT_EQ(qv::callRequest("set-cfg-str", Args{"K", "a b"}).text, "call set-cfg-str K 'a b'");
+}
+
 TEST(Request, WhatIsNotInTheTableGoesByNumberAndBytes)
 {
     EXPECT_EQ(qv::readRequest("10").message, hex("00 0A"));

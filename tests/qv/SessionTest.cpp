@@ -223,7 +223,7 @@ TEST_F(SessionTest, SpeaksJson)
     EXPECT_EQ(session.runLine("call beep"), qv::eStatusNoAnswer);
     EXPECT_EQ(mOut.str(), R"({"request":"read start-code","name":"start-code","number":8,"value":-1})"
                           "\n"
-                          R"({"request":"write qv-text-1 a\"b","name":"qv-text-1","number":3,"done":true})"
+                          R"({"request":"write qv-text-1 'a\"b'","name":"qv-text-1","number":3,"done":true})"
                           "\n"
                           R"({"request":"call set-cfg-str Key 'a b'","name":"set-cfg-str","number":1,"done":true})"
                           "\n"
@@ -411,7 +411,7 @@ TEST(Ping, DrawsAHistogram)
     report.writeJson(json);
     EXPECT_EQ(
         json.str(),
-        R"({"sent":4,"answered":4,"repeats":1,"minMs":1.000000,"medianMs":1.000000,"p99Ms":11.000000,"maxMs":11.000000})"
+        R"({"request":"ping","sent":4,"answered":4,"repeats":1,"minMs":1.000000,"medianMs":1.000000,"p99Ms":11.000000,"maxMs":11.000000})"
         "\n");
 }
 
@@ -447,6 +447,17 @@ TEST(Completion, KnowsEveryNameAndArgument)
     EXPECT_EQ(qv::completions(Words{"trace"}, ""), (Words{"on", "off"}));
     EXPECT_EQ(qv::completions(Words{"help"}, "emu"), Words{"emu-input-ev"});
     EXPECT_EQ(qv::completions(Words{"nonsense"}, ""), Words{});
+}
+
+TEST(Completion, GivesFileNamesAsTheyHaveToBeTyped)
+{
+    const tFile file("");
+    const auto odd = file.name + " it's";
+    std::ofstream(odd) << "";
+    EXPECT_EQ(qv::completions(Words{"boot"}, file.name), (Words{file.name, file.name + "\\ it\\'s"}));
+    EXPECT_EQ(qv::splitWords(file.name + "\\ it\\'s"), Words{odd});
+    std::remove(odd.c_str());
+    EXPECT_EQ(qv::completions(Words{"boot"}, "/no/such/folder/"), Words{});
 }
 
 TEST(Completion, KnowsCommandsThatWereAdded)
