@@ -16,6 +16,9 @@ constexpr std::size_t kReplyMax = 4096; ///< bytes for which the end of a frame 
 constexpr std::size_t kSettleBytes = 7; ///< the daemon reads this much later than the first byte comes
 constexpr auto kByteGap = 20ms;         ///< a frame that stops for longer is not going on
 constexpr auto kStopStep = 20ms;        ///< how soon a stop is noticed
+constexpr unsigned kResetsByNoise = 1;  ///< that a fresh daemon may send beside those that our sendings bring about
+constexpr int kQuietTries = 10;         ///< so many quiet times are waited for one
+constexpr std::uint8_t kSyncStride = 7; ///< from one frame that gets in step to the next; model/link.pml proves it
 constexpr std::uint8_t kSyncMessage[] = {wire::eCmdReadReg, wire::eRegRdConst0};
 constexpr std::uint8_t kSyncReply[] = {wire::eCmdReadReg, 0};
 
@@ -36,7 +39,7 @@ tPeerCounts tPeerCounts::operator-(const tPeerCounts& earlier) const
 Peer::Peer(Line& line, const tPeerOptions& options)
     : mLine(line)
     , mOptions(options)
-    , mNumber(options.firstNumber & kNumberMask)
+    , mNumber(static_cast<std::uint8_t>(options.firstNumber - kSyncStride) & kNumberMask)
 {}
 
 tResult Peer::request(ByteView message)
@@ -76,7 +79,7 @@ void Peer::requestInStep(ByteView message, bool safeToRepeat, tResult& result)
         }
         result.wasInStep = true;
         const bool mightBeDone = mMayBeDone;
-        const auto last = exchange(mNumber, message);
+        const auto last = exchange(message, false);
         if (last.end == EndE::eReply) {
             mNumber = last.frame.number();
             const bool refused = (last.frame.payload[0] & wire::kErrorBit) != 0;
@@ -95,7 +98,6 @@ void Peer::requestInStep(ByteView message, bool safeToRepeat, tResult& result)
             return;
         }
         const bool notDone = provesNotDone(last);
-        mNumber = last.frame.number();
         if (!notDone && !safeToRepeat) {
             sync();
             result.outcome = OutcomeE::eUnknown;
@@ -105,34 +107,42 @@ void Peer::requestInStep(ByteView message, bool safeToRepeat, tResult& result)
     }
 }
 
-/// A fresh daemon numbers its reset frames from 1, so a reset that it could have sent in answer to our repeats proves
-/// nothing: the request may have been carried out before it was started anew.
+/// A fresh daemon numbers its reset frames from 1, so a reset that it could have sent in answer to our sendings and to
+/// a little noise proves nothing: the request may have been carried out before it was started anew.
 bool Peer::provesNotDone(const tExchange& last) const
 {
     const auto number = last.frame.number();
     const unsigned resetsOfFreshDaemon = number == 0 ? kNumberMask + 1U : number;
-    return number == nextNumber(mNumber) && resetsOfFreshDaemon > last.sends;
+    return number == nextNumber(mNumber) && resetsOfFreshDaemon > last.sends + kResetsByNoise;
 }
 
 bool Peer::sync()
 {
     mInStep = false;
-    const auto last = exchange(static_cast<std::uint8_t>(kResetFlag | mNumber), kSyncMessage);
+    if (mFresh) {
+        readLeftovers(frameTime());
+        if (!getInStep()) {
+            return false;
+        }
+        mFresh = false;
+    }
+    mInStep = getInStep();
+    mCounts.syncs += mInStep ? 1 : 0;
+    return mInStep;
+}
+
+bool Peer::getInStep()
+{
+    const auto last = exchange(kSyncMessage, true);
     if (last.end != EndE::eReply) {
         return false;
     }
     mNumber = last.frame.number();
-    mInStep = true;
-    ++mCounts.syncs;
     return true;
 }
 
-Peer::tExchange Peer::exchange(std::uint8_t header, ByteView message)
+Peer::tExchange Peer::exchange(ByteView message, bool syncing)
 {
-    const auto frame = buildFrame(header, message);
-    const auto wire = toWire(frame);
-    const auto parsed = parseWire(ByteView(wire).first(wire.size() - 1));
-    const bool syncing = (header & kResetFlag) != 0;
     mBeforeExchange = mCounts;
     tExchange result;
     while (result.sends < mOptions.tries) {
@@ -140,11 +150,16 @@ Peer::tExchange Peer::exchange(std::uint8_t header, ByteView message)
             result.end = EndE::eStopped;
             break;
         }
+        if (syncing) {
+            mNumber = static_cast<std::uint8_t>(mNumber + kSyncStride) & kNumberMask;
+        }
+        const auto header = static_cast<std::uint8_t>(mNumber | (syncing ? kResetFlag : 0U));
+        const auto wire = toWire(buildFrame(header, message));
         mSends = ++result.sends;
         const auto kind = syncing ? TraceE::eSync : mSends > 1 ? TraceE::eRepeat : TraceE::eRequest;
         ++mCounts.sent;
-        mCounts.repeats += mSends > 1 ? 1 : 0;
-        trace(kind, true, wire, parsed, mSends);
+        mCounts.repeats += kind == TraceE::eRepeat ? 1 : 0;
+        trace(kind, true, wire, parseWire(ByteView(wire).first(wire.size() - 1)), mSends);
         const auto start = Clock::now();
         mLine.write(wire);
         mMayBeDone = mMayBeDone || !syncing;
@@ -164,7 +179,9 @@ Peer::tExchange Peer::exchange(std::uint8_t header, ByteView message)
 std::optional<Peer::EndE> Peer::awaitAnswer(std::uint8_t header, ByteView message, Clock::time_point deadline,
                                             tExchange& result)
 {
-    while (auto received = receive(deadline)) {
+    const auto lastMoment = longestAfter(deadline); // a line that is never silent does not hold us for ever
+    bool more = true;
+    while (auto received = more ? receive(deadline) : std::nullopt) {
         const auto kind = classify(received->frame, header, message);
         trace(kind, false, received->wire, received->frame, mSends);
         mCounts.broken += kind == TraceE::eBroken ? 1 : 0;
@@ -182,6 +199,7 @@ std::optional<Peer::EndE> Peer::awaitAnswer(std::uint8_t header, ByteView messag
         if (kind != TraceE::eEcho) {
             deadline = std::min<Clock::time_point>(deadline, Clock::now() + grace());
         }
+        more = Clock::now() < lastMoment;
     }
     if (stopped()) {
         return EndE::eStopped;
@@ -215,7 +233,7 @@ TraceE Peer::classify(const tParsedFrame& frame, std::uint8_t header, ByteView m
 
 std::optional<Peer::tReceived> Peer::receive(Clock::time_point deadline)
 {
-    const auto lastMoment = deadline + lineTime(kReplyMax) + kByteGap;
+    const auto lastMoment = longestAfter(deadline);
     for (;;) {
         if (auto wire = mCutter.next()) {
             ++mCounts.received;
@@ -233,8 +251,7 @@ std::optional<Peer::tReceived> Peer::receive(Clock::time_point deadline)
         mCounts.bytes += static_cast<unsigned>(bytes.size());
         mCutter.feed(bytes);
         if (mCutter.pending() != 0) { // a frame is coming in: its end may come after the deadline
-            const auto more = Clock::now() + kByteGap + lineTime(kReplyGuess);
-            deadline = std::min(std::max<Clock::time_point>(deadline, more), lastMoment);
+            deadline = std::min(std::max<Clock::time_point>(deadline, Clock::now() + frameTime()), lastMoment);
         }
     }
 }
@@ -250,18 +267,19 @@ Bytes Peer::readLine(Clock::time_point deadline)
     }
 }
 
-void Peer::readLeftovers()
+void Peer::readLeftovers(std::chrono::nanoseconds quiet)
 {
-    while (auto received = receive(Clock::now())) {
+    const auto end = Clock::now() + kQuietTries * frameTime();
+    while (auto received = receive(Clock::now() + quiet)) {
         const bool reset = received->frame.isResetFrame();
         mCounts.resets += reset ? 1 : 0;
         const auto kind = reset ? TraceE::eReset : received->frame.ok() ? TraceE::eStale : TraceE::eBroken;
         mCounts.stale += kind == TraceE::eStale ? 1 : 0;
         mCounts.broken += kind == TraceE::eBroken ? 1 : 0;
         trace(kind, false, received->wire, received->frame, 0);
-        if (reset) {
-            mInStep = false;
-            mNumber = received->frame.number();
+        mInStep = mInStep && !reset;
+        if (Clock::now() > end) {
+            return;
         }
     }
 }
@@ -272,6 +290,16 @@ std::chrono::nanoseconds Peer::lineTime(std::size_t bytes) const
         return 0ns;
     }
     return std::chrono::nanoseconds(1s) * kBitsPerByte * static_cast<std::int64_t>(bytes) / mOptions.baud;
+}
+
+std::chrono::nanoseconds Peer::frameTime() const
+{
+    return kByteGap + lineTime(kReplyGuess);
+}
+
+Clock::time_point Peer::longestAfter(Clock::time_point deadline) const
+{
+    return deadline + lineTime(kReplyMax) + kByteGap;
 }
 
 /// How long the real reply may be behind a stale or broken frame: a few usual round trips.

@@ -30,7 +30,7 @@ struct tPeerCounts
     unsigned resets = 0;   ///< reset frames of the daemon
     unsigned echoes = 0;   ///< our own frames that came back
     unsigned timeouts = 0; ///< waits that ended without a frame
-    unsigned syncs = 0;    ///< times that we got in step
+    unsigned syncs = 0;    ///< times that we got in step; a fresh peer's first, with two frames, is one
     unsigned bytes = 0;    ///< received, of whatever kind
 
     tPeerCounts operator-(const tPeerCounts& earlier) const;
@@ -56,7 +56,7 @@ enum class TraceE : std::uint8_t
 {
     eRequest, ///< sent for the first time
     eRepeat,  ///< sent again with the same number
-    eSync,    ///< sent with the reset flag to get in step
+    eSync,    ///< sent with the reset flag to get in step, each with a number of its own
     eRaw,     ///< sent as given by the caller, or received outside of a request
     eReply,   ///< the awaited reply
     eRefusal, ///< the awaited reply, with the error bit
@@ -74,7 +74,7 @@ struct tTraceEvent
     bool sent;          ///< else received
     Bytes wire;         ///< with its delimiter
     tParsedFrame frame; ///< what is in it
-    unsigned attempt;   ///< 1 for the first sending of this request
+    unsigned attempt;   ///< 1 for the first sending of this request, or for the first to get in step
 };
 
 struct tPeerOptions
@@ -97,8 +97,14 @@ struct tPeerOptions
 /// itself: the daemon takes it for an empty frame and falls out of step; bytes that a lost delimiter left in the
 /// daemon spoil one repeat, and its delimiter removes them.
 ///
+/// Each frame that gets in step has a new number, and only the reply to the last one counts. So once we are in step no
+/// earlier one is on its way any more, which would bring the daemon back in step behind our back and make it carry out
+/// a request that we hold for dead. A fresh peer does not know which numbers its former life used, whose stored reply
+/// may come again: it waits until the line is quiet and gets in step twice. model/link.pml proves these rules.
+///
 /// A reset frame carries the daemon's number plus one. If that is one more than ours, the request was not carried out
-/// and is safe to send again after getting in step. Otherwise its reply may have been lost before, and the outcome of a
+/// and is safe to send again after getting in step, unless the number is so low that a daemon started anew may have
+/// come to it. Otherwise its reply may have been lost before, and the outcome of a
 /// request that must not run twice is eUnknown. Without any answer the peer gets in step again before the next request,
 /// since the next number would not be certain.
 ///
@@ -124,7 +130,7 @@ public:
     /// method calls are not.
     tResult request(ByteView message);
 
-    /// Gets in step by a harmless read with the reset flag. False when there is no answer.
+    /// Gets in step by a harmless read with the reset flag, the first time by two. False when there is no answer.
     bool sync();
     bool inStep() const { return mInStep; }
     /// Forces a sync before the next request.
@@ -169,8 +175,11 @@ private:
     };
 
     void requestInStep(ByteView message, bool safeToRepeat, tResult& result);
+    /// One harmless read with the reset flag, sent until the reply to the last sending comes.
+    bool getInStep();
     /// Sends until the reply comes, the daemon resets (not when syncing), the tries are used up or a stop is wished.
-    tExchange exchange(std::uint8_t header, ByteView message);
+    /// A request is repeated with its number, a frame that gets in step has a new one each time.
+    tExchange exchange(ByteView message, bool syncing);
     /// Waits for the end of one sending; nothing when it has to be repeated.
     std::optional<EndE> awaitAnswer(std::uint8_t header, ByteView message, Clock::time_point deadline,
                                     tExchange& result);
@@ -179,10 +188,13 @@ private:
     /// What arrives until the deadline; nothing, and soon, when a stop is wished.
     Bytes readLine(Clock::time_point deadline);
     bool stopped() const { return mStop != nullptr && *mStop; }
-    /// Looks at what came while no request was under way; a reset frame among it puts us out of step.
-    void readLeftovers();
+    /// Looks at what came while no request was under way, until nothing more has come for `quiet` (not for ever: a line
+    /// may never be quiet); a reset frame among it puts us out of step.
+    void readLeftovers(std::chrono::nanoseconds quiet = {});
     bool provesNotDone(const tExchange& last) const;
     std::chrono::nanoseconds lineTime(std::size_t bytes) const;
+    std::chrono::nanoseconds frameTime() const;                       ///< for the rest of a reply, generously
+    Clock::time_point longestAfter(Clock::time_point deadline) const; ///< when the frame that began by then has ended
     std::chrono::nanoseconds grace() const;
     void noteRoundTrip(std::chrono::nanoseconds time);
     void trace(TraceE kind, bool sent, ByteView wire, const tParsedFrame& frame, unsigned attempt);
@@ -193,8 +205,9 @@ private:
     const std::atomic<bool>* mStop = nullptr;
     FrameCutter mCutter;
     tPeerCounts mCounts;
+    bool mFresh = true; ///< never in step yet
     bool mInStep = false;
-    std::uint8_t mNumber;
+    std::uint8_t mNumber; ///< of the next request; out of step: of the last frame that we know of
     tPeerCounts mBeforeExchange;
     unsigned mSends = 0;                    ///< of the exchange under way
     bool mMayBeDone = false;                ///< the request was sent, and nothing proves yet what became of it

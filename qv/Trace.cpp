@@ -161,7 +161,7 @@ void FrameTrace::operator()(const tTraceEvent& event)
     const std::chrono::duration<double, std::milli> since = Clock::now() - mStart;
     std::snprintf(text, sizeof text, "%10.3f ms  %s  ", since.count(), event.sent ? "-->" : "<--");
     mOut << text << kindText(event.kind);
-    if (event.kind == TraceE::eRepeat) {
+    if (event.sent && event.attempt > 1) {
         mOut << " (sending " << event.attempt << ")";
     }
     if (event.kind == TraceE::eNoFrame) {

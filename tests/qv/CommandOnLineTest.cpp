@@ -65,13 +65,13 @@ protected:
             mThread.join();
         }
     }
-    /// What came is the frames that get in step and read, and not a byte more.
+    /// What came is the two frames that get in step and the read, and not a byte more.
     void expectOnlyFrames()
     {
         hush();
         EXPECT_EQ(mBroken, 0U);
-        EXPECT_EQ(mRequests, std::vector<qv::Bytes>(2, hex("00 00")));
-        EXPECT_EQ(mReceived.size(), 2 * hex("02 10 01 03 8F FF 00").size());
+        EXPECT_EQ(mRequests, std::vector<qv::Bytes>(3, hex("00 00")));
+        EXPECT_EQ(mReceived.size(), 3 * hex("02 10 01 03 8F FF 00").size());
     }
     void reply(const qv::tParsedFrame& frame)
     {
@@ -227,7 +227,7 @@ TEST_F(CommandOnLineTest, CtrlCEndsAPingWithItsReport)
 {
     answer();
     Program program(command({"ping", "--count", "100000000"}));
-    ASSERT_TRUE(requestsCame(4)) << "to get in step, and three of the ping: two were answered";
+    ASSERT_TRUE(requestsCame(5)) << "two to get in step, and three of the ping: two were answered";
     program.signal(SIGINT);
     const auto run = program.end();
     EXPECT_EQ(run.status, 0);

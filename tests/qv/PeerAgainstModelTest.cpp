@@ -157,7 +157,6 @@ TEST_P(BadLineTest, NothingIsEverDoneTwiceAndEveryOutcomeIsTrue)
         }
     }
     RecordProperty("unknown", static_cast<int>(unknown));
-    EXPECT_GT(peer.counts().resets, 0U);
     EXPECT_LT(unknown, 200U) << "most resets prove what happened";
     EXPECT_GT(line.sentCounts().lost, 500U);
     EXPECT_GT(line.receivedCounts().corrupted, 500U);
@@ -183,6 +182,7 @@ TEST_P(BadLineTest, ADaemonStartedAnewMakesNothingHappenTwice)
             ASSERT_EQ(result.outcome, OutcomeE::eUnknown) << i;
         }
     }
+    EXPECT_GT(peer.counts().resets, 20U);
 }
 
 INSTANTIATE_TEST_SUITE_P(Seeds, BadLineTest, testing::Values(1, 2, 3, 4, 5));

@@ -37,6 +37,11 @@ public:
             bytes.insert(bytes.end(), frame.begin(), frame.end());
         }
     }
+    void forget()
+    {
+        mAnswers.clear();
+        mIncoming.clear();
+    }
     void arrives(const qv::Bytes& bytes) { mIncoming.insert(mIncoming.end(), bytes.begin(), bytes.end()); }
 
     std::vector<qv::Bytes> mWritten;
@@ -66,12 +71,17 @@ class PeerTest : public testing::Test
 {
 protected:
     /// In step, the next request has number 1.
-    void getInStep()
+    void getInStep() { getInStep(mPeer); }
+    void getInStep(qv::Peer& peer)
     {
-        mLine.answer({frame(1, "00 00")});
-        ASSERT_TRUE(mPeer.sync());
+        const unsigned first = peer.options().firstNumber;
+        mLine.answer({frame((first + 1) % 16, "00 00")});
+        mLine.answer({frame((first + 9) % 16, "00 00")});
+        ASSERT_TRUE(peer.sync());
         mLine.mWritten.clear();
     }
+    /// For a fresh peer whose first request is to have this number.
+    static std::uint8_t firstFor(unsigned number) { return static_cast<std::uint8_t>((number + 7) % 16); }
     /// Headers of the frames written.
     std::string headers() const
     {
@@ -86,20 +96,75 @@ protected:
     }
 
     ScriptedLine mLine;
-    qv::Peer mPeer{mLine, {.timeout = 10ms, .tries = 4}};
+    qv::Peer mPeer{mLine, {.timeout = 10ms, .tries = 4, .firstNumber = firstFor(1)}};
 };
 
-TEST_F(PeerTest, GetsInStepWithAHarmlessReadThatCarriesTheResetFlag)
+TEST_F(PeerTest, GetsInStepTwiceWithAHarmlessReadThatCarriesTheResetFlag)
 {
+    mLine.answer({frame(9, "00 00")});
     mLine.answer({frame(1, "00 00")});
     mLine.answer({frame(2, "00 50")});
     const auto result = mPeer.request(kReadBrightness);
     EXPECT_EQ(result.outcome, OutcomeE::eDone);
     EXPECT_EQ(result.data, hex("50"));
-    ASSERT_EQ(mLine.mWritten.size(), 2U);
-    EXPECT_EQ(mLine.mWritten[0], hex("02 10 01 03 8F FF 00"));
-    EXPECT_EQ(mLine.mWritten[1], qv::toWire(qv::buildFrame(0x01, kReadBrightness)));
+    ASSERT_EQ(mLine.mWritten.size(), 3U);
+    EXPECT_EQ(mLine.mWritten[0], frame(0x18, "00 00"));
+    EXPECT_EQ(mLine.mWritten[1], hex("02 10 01 03 8F FF 00"));
+    EXPECT_EQ(mLine.mWritten[2], qv::toWire(qv::buildFrame(0x01, kReadBrightness)));
     EXPECT_EQ(mPeer.number(), 2);
+    EXPECT_EQ(result.counts.syncs, 1U);
+}
+
+TEST_F(PeerTest, GetsInStepOnceWhenItLostItsStep)
+{
+    getInStep();
+    mPeer.forgetStep();
+    mLine.answer({frame(9, "00 00")});
+    mLine.answer({frame(10, "02")});
+    EXPECT_EQ(mPeer.request(kBeep).outcome, OutcomeE::eDone);
+    EXPECT_EQ(headers(), "18 09 ");
+}
+
+TEST_F(PeerTest, EachFrameThatGetsInStepHasANewNumber)
+{
+    getInStep();
+    mPeer.forgetStep();
+    mLine.answer({});
+    mLine.answer({frame(9, "00 00")}); // the first one's, late
+    mLine.answer({frame(7, "00 00")});
+    EXPECT_TRUE(mPeer.sync());
+    EXPECT_EQ(headers(), "18 1F 16 ");
+    EXPECT_EQ(mPeer.number(), 7);
+    EXPECT_EQ(mPeer.counts().repeats, 0U);
+}
+
+TEST_F(PeerTest, WaitsForAQuietLineBeforeItsFirstFrame)
+{
+    mLine.arrives(frame(9, "00 00"));
+    const auto before = qv::Clock::now();
+    EXPECT_FALSE(mPeer.sync());
+    EXPECT_EQ(mPeer.counts().stale, 1U);
+    ASSERT_GE(mLine.mDeadlines.size(), 2U);
+    EXPECT_GE(mLine.mDeadlines[1], before + 20ms) << "nothing more has come for so long";
+    EXPECT_EQ(headers(), "18 1F 16 1D ");
+}
+
+/// Sends frames all the time.
+class FloodedLine : public qv::Line
+{
+public:
+    void write(qv::ByteView) override { ++mWritten; }
+    qv::Bytes read(qv::Clock::time_point) override { return frame(3, "00 50"); }
+
+    unsigned mWritten = 0;
+};
+
+TEST(FloodedLine, IsNotWaitedForForEver)
+{
+    FloodedLine line;
+    qv::Peer peer(line, {.timeout = 1ms, .tries = 2});
+    EXPECT_EQ(peer.request(kBeep).outcome, OutcomeE::eNoAnswer);
+    EXPECT_EQ(line.mWritten, 2U);
 }
 
 TEST_F(PeerTest, CountsOnThroughAllNumbers)
@@ -134,10 +199,10 @@ TEST_F(PeerTest, GivesUpAfterItsTriesAndGetsInStepBeforeTheNext)
     EXPECT_TRUE(result.mayBeDone);
     EXPECT_EQ(headers(), "01 01 01 01 ");
     EXPECT_FALSE(mPeer.inStep());
-    mLine.answer({frame(2, "00 00")});
-    mLine.answer({frame(3, "02")});
+    mLine.answer({frame(9, "00 00")});
+    mLine.answer({frame(10, "02")});
     EXPECT_EQ(mPeer.request(kBeep).outcome, OutcomeE::eDone);
-    EXPECT_EQ(headers(), "01 01 01 01 11 02 ");
+    EXPECT_EQ(headers(), "01 01 01 01 18 09 ");
 }
 
 TEST_F(PeerTest, AReadWithoutAnswerIsNeverInDoubt)
@@ -153,7 +218,7 @@ TEST_F(PeerTest, NothingIsInDoubtWhenItNeverGotInStep)
     const auto result = mPeer.request(kBeep);
     EXPECT_EQ(result.outcome, OutcomeE::eNoAnswer);
     EXPECT_FALSE(result.mayBeDone);
-    EXPECT_EQ(headers(), "10 10 10 10 ");
+    EXPECT_EQ(headers(), "18 1F 16 1D ");
 }
 
 TEST_F(PeerTest, AnEarlierReplyIsNotTakenForTheAwaitedOne)
@@ -188,9 +253,8 @@ TEST_F(PeerTest, RepeatsWhenTheReplyIsBroken)
 
 TEST_F(PeerTest, AnEarlierReplyShortensTheWait)
 {
-    qv::Peer peer(mLine, {.timeout = 1h, .tries = 1});
-    mLine.answer({frame(1, "00 00")});
-    ASSERT_TRUE(peer.sync());
+    qv::Peer peer(mLine, {.timeout = 1h, .tries = 1, .firstNumber = firstFor(1)});
+    getInStep(peer);
     mLine.answer({frame(1, "00 00")});
     const auto before = qv::Clock::now();
     EXPECT_EQ(peer.request(kBeep).outcome, OutcomeE::eNoAnswer);
@@ -221,10 +285,12 @@ TEST_F(PeerTest, AReplyThatStopsHalfwayDoesNotSpoilTheNext)
 
 TEST_F(PeerTest, AnotherReadsReplyDoesNotCountAsGettingInStep)
 {
-    mLine.answer({frame(1, "00 50")});
-    mLine.answer({frame(1, "00 00")});
+    getInStep();
+    mPeer.forgetStep();
+    mLine.answer({frame(9, "00 50")});
+    mLine.answer({frame(0, "00 00")});
     EXPECT_TRUE(mPeer.sync());
-    EXPECT_EQ(headers(), "10 10 ");
+    EXPECT_EQ(headers(), "18 1F ");
 }
 
 TEST_F(PeerTest, AReplyToAnotherCommandIsNotTaken)
@@ -266,30 +332,41 @@ TEST_F(PeerTest, ARefusalAskedForAgainStaysARefusal)
 
 TEST_F(PeerTest, AResetWithTheNextNumberProvesThatNothingWasDone)
 {
-    mLine.answer({frame(5, "00 00")});
-    qv::Peer peer(mLine, {.timeout = 10ms, .tries = 4, .firstNumber = 4});
-    ASSERT_TRUE(peer.sync());
-    mLine.answer({frame(0x16, "00")}); // request 5: reset frame 6
-    mLine.answer({frame(7, "00 00")}); // sync 6
-    mLine.answer({frame(8, "02")});    // request 7
+    qv::Peer peer(mLine, {.timeout = 10ms, .tries = 4, .firstNumber = firstFor(5)});
+    getInStep(peer);
+    mLine.answer({frame(0x16, "00")});  // request 5: reset frame 6
+    mLine.answer({frame(13, "00 00")}); // sync 12
+    mLine.answer({frame(14, "02")});    // request 13
     const auto result = peer.request(kBeep);
     EXPECT_EQ(result.outcome, OutcomeE::eDone);
     EXPECT_EQ(result.counts.resets, 1U);
-    EXPECT_EQ(headers(), "14 05 16 07 ");
+    EXPECT_EQ(headers(), "05 1C 0D ");
 }
 
+/// A request, its repeats without an answer, and the reset frame with the next number.
 TEST_F(PeerTest, AResetThatAFreshDaemonMaySendProvesNothing)
 {
-    qv::Peer peer(mLine, {.timeout = 10ms, .tries = 4, .firstNumber = 15});
-    mLine.answer({frame(0, "00 00")});
-    ASSERT_TRUE(peer.sync());
-    mLine.answer({frame(0x11, "00")}); // request 0: a daemon out of step, or one that was started anew
-    mLine.answer({frame(2, "00 00")});
-    const auto result = peer.request(kBeep);
-    EXPECT_EQ(result.outcome, OutcomeE::eUnknown);
-    EXPECT_TRUE(result.mayBeDone);
-    EXPECT_TRUE(peer.inStep()) << "ready for the next request";
-    EXPECT_EQ(headers(), "1F 00 11 ");
+    for (unsigned number = 0; number < 16; ++number) {
+        for (unsigned sends = 1; sends <= 4; ++sends) {
+            SCOPED_TRACE(std::to_string(sends) + " sendings with number " + std::to_string(number));
+            qv::Peer peer(mLine, {.timeout = 10ms, .tries = 4, .firstNumber = firstFor(number)});
+            getInStep(peer);
+            for (unsigned i = 1; i < sends; ++i) {
+                mLine.answer({});
+            }
+            mLine.answer({frame(0x10 | (number + 1) % 16, "00")});
+            mLine.answer({frame((number + 8) % 16, "00 00")});
+            mLine.answer({frame((number + 9) % 16, "02")});
+            const auto result = peer.request(kBeep);
+            // a fresh daemon sends so many resets for the sendings, or one more for some noise
+            const bool mayBeFresh = number + 1 <= sends + 1;
+            EXPECT_EQ(result.outcome, mayBeFresh ? OutcomeE::eUnknown : OutcomeE::eDone);
+            EXPECT_EQ(result.mayBeDone, mayBeFresh);
+            EXPECT_TRUE(peer.inStep()) << "ready for the next request";
+            EXPECT_EQ(mLine.mWritten.size(), sends + (mayBeFresh ? 1 : 2));
+            mLine.forget();
+        }
+    }
 }
 
 TEST_F(PeerTest, AnyOtherResetLeavesACallUnknown)
@@ -297,31 +374,31 @@ TEST_F(PeerTest, AnyOtherResetLeavesACallUnknown)
     getInStep();
     mLine.answer({});
     mLine.answer({frame(0x13, "00")}); // carried out with the reply lost, or two reset frames: nobody can say
-    mLine.answer({frame(4, "00 00")});
+    mLine.answer({frame(9, "00 00")});
     const auto result = mPeer.request(kBeep);
     EXPECT_EQ(result.outcome, OutcomeE::eUnknown);
     EXPECT_TRUE(result.mayBeDone);
-    EXPECT_EQ(headers(), "01 01 13 ");
+    EXPECT_EQ(headers(), "01 01 18 ");
 }
 
 TEST_F(PeerTest, WhatIsSafeToRepeatIsMadeAgainAfterAnyReset)
 {
     getInStep();
     mLine.answer({frame(0x13, "00")});
-    mLine.answer({frame(4, "00 00")});
-    mLine.answer({frame(5, "01")});
+    mLine.answer({frame(9, "00 00")});
+    mLine.answer({frame(10, "01")});
     EXPECT_EQ(mPeer.request(hex("01 01 04")).outcome, OutcomeE::eDone);
-    EXPECT_EQ(headers(), "01 13 04 ");
+    EXPECT_EQ(headers(), "01 18 09 ");
 }
 
 TEST_F(PeerTest, AResetFrameThatCameInBetweenIsSeenBeforeTheNextRequest)
 {
     getInStep();
     mLine.arrives(frame(0x12, "00"));
-    mLine.answer({frame(3, "00 00")});
-    mLine.answer({frame(4, "02")});
+    mLine.answer({frame(9, "00 00")});
+    mLine.answer({frame(10, "02")});
     EXPECT_EQ(mPeer.request(kBeep).outcome, OutcomeE::eDone);
-    EXPECT_EQ(headers(), "12 03 ");
+    EXPECT_EQ(headers(), "18 09 ");
 }
 
 TEST_F(PeerTest, ALateReplyDoesNotAnswerTheNextRequest)
@@ -336,10 +413,9 @@ TEST_F(PeerTest, ALateReplyDoesNotAnswerTheNextRequest)
 
 TEST_F(PeerTest, AnEchoIsNoAnswer)
 {
-    mLine.answer({hex("02 10 01 03 8F FF 00")});
-    mLine.answer({hex("02 10 01 03 8F FF 00")});
-    mLine.answer({hex("02 10 01 03 8F FF 00")});
-    mLine.answer({hex("02 10 01 03 8F FF 00")});
+    for (const unsigned header : {0x18U, 0x1FU, 0x16U, 0x1DU}) {
+        mLine.answer({frame(header, "00 00")});
+    }
     const auto result = mPeer.request(kBeep);
     EXPECT_EQ(result.outcome, OutcomeE::eNoAnswer);
     EXPECT_EQ(result.counts.echoes, 4U);
@@ -349,14 +425,15 @@ TEST_F(PeerTest, ShowsEachFrameToTheTrace)
 {
     std::vector<TraceE> kinds;
     mPeer.setTrace([&](const qv::tTraceEvent& event) { kinds.push_back(event.kind); });
+    mLine.answer({frame(9, "00 00")});
     mLine.answer({frame(1, "00 00")});
     mLine.answer({broken(2, "02")});
     mLine.answer({frame(1, "00 00"), frame(2, "82")});
     mLine.answer({frame(3, "02")});
     mPeer.request(kBeep);
-    EXPECT_EQ(kinds,
-              (std::vector{TraceE::eSync, TraceE::eReply, TraceE::eRequest, TraceE::eBroken, TraceE::eTimeout,
-                           TraceE::eRepeat, TraceE::eStale, TraceE::eRefusal, TraceE::eRequest, TraceE::eReply}));
+    EXPECT_EQ(kinds, (std::vector{TraceE::eSync, TraceE::eReply, TraceE::eSync, TraceE::eReply, TraceE::eRequest,
+                                  TraceE::eBroken, TraceE::eTimeout, TraceE::eRepeat, TraceE::eStale, TraceE::eRefusal,
+                                  TraceE::eRequest, TraceE::eReply}));
 }
 
 TEST_F(PeerTest, ARequestOfOneByteIsAMistakeOfTheCaller)

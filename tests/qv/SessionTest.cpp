@@ -59,7 +59,7 @@ protected:
     }
 
     AnsweringLine mLine;
-    qv::Peer mPeer{mLine, {.timeout = 7ms, .tries = 3, .baud = 0}};
+    qv::Peer mPeer{mLine, {.timeout = 7ms, .tries = 3, .baud = 0, .firstNumber = 8}};
     std::ostringstream mOut;
     std::ostringstream mErr;
     qv::Session mSession{mPeer, mOut, mErr};
@@ -67,14 +67,14 @@ protected:
 
 TEST_F(SessionTest, ReadsSeveralRegistersInATable)
 {
-    answers({frame(1, "00 00"), frame(2, "00 50"), frame(3, "00 61 00")});
+    answers({frame(9, "00 00"), frame(1, "00 00"), frame(2, "00 50"), frame(3, "00 61 00")});
     EXPECT_EQ(mSession.run(Words{"read", "brightness-raw", "ip-addr"}), qv::eStatusDone);
     EXPECT_EQ(mOut.str(), "brightness-raw  80\nip-addr         a\n");
 }
 
 TEST_F(SessionTest, ShowsRegistersBeyondTheTableAsBytes)
 {
-    answers({frame(1, "00 00"), frame(2, "00 50 51")});
+    answers({frame(9, "00 00"), frame(1, "00 00"), frame(2, "00 50 51")});
     EXPECT_EQ(mSession.runLine("read 0xFE"), qv::eStatusDone);
     EXPECT_EQ(mOut.str(), "254  50 51\n");
 }
@@ -95,7 +95,7 @@ TEST_F(SessionTest, NothingIsSentForAMistake)
 
 TEST_F(SessionTest, TellsOfARefusal)
 {
-    answers({frame(1, "00 00"), frame(2, "82")});
+    answers({frame(9, "00 00"), frame(1, "00 00"), frame(2, "82")});
     EXPECT_EQ(mSession.runLine("call set-cfg-str '' x"), qv::eStatusRefused);
     EXPECT_NE(mErr.str().find("call set-cfg-str '' x: refused by the device (error bit set)"), std::string::npos);
 }
@@ -111,7 +111,7 @@ TEST_F(SessionTest, TellsWhenNothingComes)
 
 TEST_F(SessionTest, TellsWhenOnlyTheAnswerIsMissing)
 {
-    answers({frame(1, "00 00")});
+    answers({frame(9, "00 00"), frame(1, "00 00")});
     EXPECT_EQ(mSession.runLine("call beep"), qv::eStatusNoAnswer);
     EXPECT_NE(mErr.str().find("The daemon was in step just before."), std::string::npos);
     EXPECT_NE(mErr.str().find("may have been carried out"), std::string::npos);
@@ -119,7 +119,7 @@ TEST_F(SessionTest, TellsWhenOnlyTheAnswerIsMissing)
 
 TEST_F(SessionTest, TellsThatAnUnknownRegisterIsNeverAnswered)
 {
-    answers({frame(1, "00 00")});
+    answers({frame(9, "00 00"), frame(1, "00 00")});
     EXPECT_EQ(mSession.runLine("read 10"), qv::eStatusNoAnswer);
     EXPECT_NE(mErr.str().find("The daemon never answers the read of a register that it does not have"),
               std::string::npos);
@@ -135,9 +135,9 @@ TEST_F(SessionTest, TellsOfBrokenFrames)
 
 TEST_F(SessionTest, OnceInStepResetFramesAreNotTakenForSilence)
 {
-    qv::Peer peer(mLine, {.timeout = 7ms, .tries = 1});
+    qv::Peer peer(mLine, {.timeout = 7ms, .tries = 1, .firstNumber = 8});
     qv::Session session(peer, mOut, mErr);
-    answers({frame(1, "00 00"), frame(0x15, "00"), frame(6, "00 00")});
+    answers({frame(9, "00 00"), frame(1, "00 00"), frame(0x15, "00"), frame(6, "00 00")});
     EXPECT_EQ(session.runLine("read brightness-raw"), qv::eStatusNoAnswer);
     EXPECT_NE(mErr.str().find("the daemon answered with reset frames"), std::string::npos) << mErr.str();
     EXPECT_NE(mErr.str().find("The line works but is bad"), std::string::npos) << mErr.str();
@@ -146,7 +146,7 @@ TEST_F(SessionTest, OnceInStepResetFramesAreNotTakenForSilence)
 
 TEST_F(SessionTest, OnceInStepTheRateIsNotBlamedForBrokenFrames)
 {
-    answers({frame(1, "00 00"), hex("55 66 77 00"), hex("55 66 77 00"), hex("55 66 77 00")});
+    answers({frame(9, "00 00"), frame(1, "00 00"), hex("55 66 77 00"), hex("55 66 77 00"), hex("55 66 77 00")});
     EXPECT_EQ(mSession.runLine("read 10"), qv::eStatusNoAnswer);
     EXPECT_NE(mErr.str().find("only broken frames came back"), std::string::npos) << mErr.str();
     EXPECT_NE(mErr.str().find("The line works but is bad"), std::string::npos) << mErr.str();
@@ -157,7 +157,7 @@ TEST_F(SessionTest, TellsOfALineThatHangsUpLikeOfAnyOtherFailure)
 {
     qv::Session session(mPeer, mOut, mErr, {.json = true});
     mLine.mHangsUp = true;
-    answers({frame(1, "00 00"), {}});
+    answers({frame(9, "00 00"), frame(1, "00 00"), {}});
     EXPECT_EQ(session.runLine("call beep"), qv::eStatusNoAnswer);
     EXPECT_EQ(mErr.str().find("call beep: the line hung up.\n  Was the adapter unplugged"), 0U) << mErr.str();
     EXPECT_NE(mErr.str().find("may have been carried out"), std::string::npos) << mErr.str();
@@ -171,7 +171,7 @@ TEST_F(SessionTest, TellsOfALineThatHangsUpLikeOfAnyOtherFailure)
 
 TEST_F(SessionTest, AReplyOfTheWrongSizeIsNoValue)
 {
-    answers({frame(1, "00 00"), frame(2, "00 01 02"), frame(3, "00")});
+    answers({frame(9, "00 00"), frame(1, "00 00"), frame(2, "00 01 02"), frame(3, "00")});
     EXPECT_EQ(mSession.runLine("read brightness-raw"), qv::eStatusNoAnswer);
     EXPECT_EQ(mOut.str(), "");
     EXPECT_EQ(mErr.str().find("read brightness-raw: the reply makes no sense: 01 02 (not a u8).\n"), 0U) << mErr.str();
@@ -186,20 +186,19 @@ TEST_F(SessionTest, AReplyOfTheWrongSizeIsNoValue)
 
 TEST_F(SessionTest, WhatIsStoppedSendsNothingMore)
 {
-    answers({frame(1, "00 00"), frame(2, "02"), frame(3, "02")});
+    answers({frame(9, "00 00"), frame(1, "00 00"), frame(2, "02"), frame(3, "02")});
     EXPECT_EQ(mSession.runLine("call beep"), qv::eStatusDone);
     mSession.stop();
     EXPECT_EQ(mSession.runLine("call beep"), qv::eStatusNoAnswer);
     EXPECT_EQ(mErr.str(), "call beep: interrupted.\n");
-    EXPECT_EQ(mPeer.counts().sent, 2U);
+    EXPECT_EQ(mPeer.counts().sent, 3U);
     mSession.forgetStop();
     EXPECT_EQ(mSession.runLine("call beep"), qv::eStatusDone);
 }
 
 TEST_F(SessionTest, TellsOfAnEcho)
 {
-    const auto sync = frame(0x10, "00 00");
-    answers({sync, sync, sync});
+    answers({frame(0x18, "00 00"), frame(0x1F, "00 00"), frame(0x16, "00 00")});
     EXPECT_EQ(mSession.runLine("call beep"), qv::eStatusNoAnswer);
     EXPECT_NE(mErr.str().find("only what was sent came back (an echo)"), std::string::npos);
     EXPECT_NE(mErr.str().find("loop-back plug"), std::string::npos);
@@ -207,7 +206,7 @@ TEST_F(SessionTest, TellsOfAnEcho)
 
 TEST_F(SessionTest, TellsWhatIsUnknownAfterAReset)
 {
-    answers({frame(1, "00 00"), frame(0x15, "00"), frame(6, "00 00")});
+    answers({frame(9, "00 00"), frame(1, "00 00"), frame(0x15, "00"), frame(6, "00 00")});
     EXPECT_EQ(mSession.runLine("call beep"), qv::eStatusNoAnswer);
     EXPECT_NE(mErr.str().find("UNKNOWN"), std::string::npos);
 }
@@ -215,7 +214,7 @@ TEST_F(SessionTest, TellsWhatIsUnknownAfterAReset)
 TEST_F(SessionTest, SpeaksJson)
 {
     qv::Session session(mPeer, mOut, mErr, {.json = true});
-    answers({frame(1, "00 00"), frame(2, "00 FF"), frame(3, "01"), frame(4, "02"), frame(5, "82")});
+    answers({frame(9, "00 00"), frame(1, "00 00"), frame(2, "00 FF"), frame(3, "01"), frame(4, "02"), frame(5, "82")});
     EXPECT_EQ(session.runLine("read start-code"), qv::eStatusDone);
     EXPECT_EQ(session.runLine("write qv-text-1 'a\"b'"), qv::eStatusDone);
     EXPECT_EQ(session.runLine("call set-cfg-str Key 'a b'"), qv::eStatusDone);
@@ -236,7 +235,7 @@ TEST_F(SessionTest, SpeaksJson)
 TEST_F(SessionTest, TracesEachField)
 {
     mSession.setTrace(true);
-    answers({frame(1, "00 00"), frame(2, "00 50")});
+    answers({frame(9, "00 00"), frame(1, "00 00"), frame(2, "00 50")});
     mSession.runLine("read brightness-raw");
     auto text = mErr.str();
     for (auto at = text.find(" ms  "); at != std::string::npos;
@@ -245,7 +244,17 @@ TEST_F(SessionTest, TracesEachField)
         text.replace(line, at + 5 - line, "");
         at = line;
     }
-    EXPECT_EQ(text, "-->  get in step: 02 10 01 03 8F FF 00\n"
+    EXPECT_EQ(text, "-->  get in step: 02 18 01 03 26 5E 00\n"
+                    "                   0  18           number 8, reset flag\n"
+                    "                   1  00           read register\n"
+                    "                   2  00           const-0\n"
+                    "                   3  26 5E        CRC, right\n"
+                    "<--  reply: 02 09 01 03 52 0D 00\n"
+                    "                   0  09           number 9\n"
+                    "                   1  00           answers read register\n"
+                    "                   2  00           const-0 0\n"
+                    "                   3  52 0D        CRC, right\n"
+                    "-->  get in step: 02 10 01 03 8F FF 00\n"
                     "                   0  10           number 0, reset flag\n"
                     "                   1  00           read register\n"
                     "                   2  00           const-0\n"
@@ -272,7 +281,7 @@ TEST_F(SessionTest, TracesWhatGoesWrong)
     mSession.setTrace(true);
     auto broken = frame(2, "00 50");
     broken[broken.size() - 2] ^= 0x01;
-    answers({frame(1, "00 00"), broken, frame(0x12, "00")});
+    answers({frame(9, "00 00"), frame(1, "00 00"), broken, frame(0x12, "00")});
     mSession.runLine("call beep");
     const auto text = mErr.str();
     for (const auto* part : {"<--  BROKEN frame", "CRC, WRONG, computed F8 09", "nothing (more)", "repeat (sending 2)",
@@ -317,7 +326,7 @@ TEST_F(SessionTest, AStartUpIsCheckedBeforeItIsPlayed)
 TEST_F(SessionTest, AStartUpTellsWhereItStopped)
 {
     const tFile file("call beep\n\ncall set-cfg-str '' x\ncall beep\n");
-    answers({frame(1, "00 00"), frame(2, "02"), frame(3, "82")});
+    answers({frame(9, "00 00"), frame(1, "00 00"), frame(2, "02"), frame(3, "82")});
     EXPECT_EQ(mSession.boot(file.name), qv::eStatusRefused);
     EXPECT_EQ(mOut.str(), "call beep\ncall set-cfg-str '' x\n");
     EXPECT_NE(mErr.str().find("call set-cfg-str '' x: refused"), std::string::npos) << mErr.str();
@@ -347,14 +356,14 @@ TEST_F(SessionTest, TracesBytesThatFormNoFrame)
 TEST_F(SessionTest, WatchShowsEachChange)
 {
     qv::Session session(mPeer, mOut, mErr, {.quiet = true});
-    answers({frame(1, "00 00"), frame(2, "00 50"), frame(3, "00 50"), frame(4, "00 51")});
+    answers({frame(9, "00 00"), frame(1, "00 00"), frame(2, "00 50"), frame(3, "00 50"), frame(4, "00 51")});
     EXPECT_EQ(session.runLine("watch brightness-raw --every 0 --count 3"), qv::eStatusDone);
     EXPECT_EQ(mOut.str(), "80\n81\n");
 }
 
 TEST_F(SessionTest, PingReports)
 {
-    answers({frame(1, "00 00"), frame(2, "00 00"), frame(3, "00 00"), frame(4, "00 00")});
+    answers({frame(9, "00 00"), frame(1, "00 00"), frame(2, "00 00"), frame(3, "00 00"), frame(4, "00 00")});
     EXPECT_EQ(mSession.runLine("ping --count 3"), qv::eStatusDone);
     EXPECT_EQ(mOut.str().find("3 requests, 3 answered, 0 repeats\nminimum "), 0U);
 }
@@ -376,7 +385,7 @@ TEST_F(SessionTest, PingOfNothingIsAMistake)
 TEST_F(SessionTest, AQuietPingDrawsNothing)
 {
     qv::Session session(mPeer, mOut, mErr, {.quiet = true});
-    answers({frame(1, "00 00"), frame(2, "00 00"), frame(3, "00 00"), frame(4, "00 00")});
+    answers({frame(9, "00 00"), frame(1, "00 00"), frame(2, "00 00"), frame(3, "00 00"), frame(4, "00 00")});
     EXPECT_EQ(session.runLine("ping --count 3"), qv::eStatusDone);
     EXPECT_EQ(std::ranges::count(mOut.str(), '\n'), 2) << mOut.str();
 }
