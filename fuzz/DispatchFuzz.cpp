@@ -1,32 +1,18 @@
-// Any sequence of request messages into a fresh controller. Each message comes behind a byte that holds its length.
+// Any sequence of request messages into a fresh controller that has no bus: every call fails at once.
 
-#include "core/Vorlan.h"
-#include "dbus/SDBusClients.h"
+#include "fuzz/Controller.h"
 #include "fuzz/InlineThreads.h"
-#include "fuzz/NoBus.h"
 
-#include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
     const InlineThreads inlineThreads;
-    static const bool prepared = withoutBus();
-    static_cast<void>(prepared);
-    SDBusClients::smpInstance.reset(); // the controller before this one has stopped the clients
-    Vorlan vorlan;
-    vorlan.init();
-    while (size > 0) {
-        const std::size_t count = std::min<std::size_t>(data[0], size - 1);
-        Vorlan::tBytes message(data + 1, data + 1 + count);
-        data += 1 + count;
-        size -= 1 + count;
-        try {
-            vorlan.parse(message);
-        } catch (const VorlanException&) {
-            break; // the update has been started: no request follows
-        }
-    }
+    static const int withoutBus = setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent", 1) +
+                                  setenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=/nonexistent", 1);
+    static_cast<void>(withoutBus);
+    requests(*newController(), {data, size});
     return 0;
 }

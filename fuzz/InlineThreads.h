@@ -1,7 +1,8 @@
 #pragma once
 
 /// While one of these lives, a new thread runs to its end inside the call that starts it. A thread under the sanitizers
-/// costs a hundred times what a request costs, and what a target does then depends on its input alone.
+/// costs a hundred times what a request costs, and what a target does then depends on its input alone. A wait with a
+/// time limit is over at once, and its time is skipped.
 class InlineThreads
 {
 public:
