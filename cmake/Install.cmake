@@ -1,14 +1,21 @@
 # What a display (component daemon) and a workbench (component qv) need. The systemd unit names the folder that the daemon
-# is installed to.
+# is installed to, so the prefix is chosen here and not when installing.
 include(GNUInstallDirs)
 set(VORLAN_UNIT_DIR lib/systemd/system CACHE STRING "where systemd looks for units, relative to the prefix or absolute")
+# the system bus reads policies in two folders only, whatever the prefix
+set(policy_dir /etc/dbus-1/system.d)
+if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+  set(policy_dir ${CMAKE_INSTALL_DATADIR}/dbus-1/system.d)
+endif()
+set(VORLAN_UID 1000 CACHE STRING "the user id that the daemon runs as: that of the desktop")
 
 if(VORLAN_BUILD_DAEMON)
   configure_file(packaging/vorlan.service.in vorlan.service @ONLY)
+  configure_file(packaging/com.kelvora.vorlan.conf.in com.kelvora.vorlan.conf @ONLY)
   install(TARGETS vorlan RUNTIME COMPONENT daemon)
   install(FILES ${PROJECT_BINARY_DIR}/vorlan.service DESTINATION ${VORLAN_UNIT_DIR} COMPONENT daemon)
   install(FILES packaging/com.kelvora.vorlan.xml DESTINATION ${CMAKE_INSTALL_DATADIR}/dbus-1/interfaces COMPONENT daemon)
-  install(FILES packaging/com.kelvora.vorlan.conf DESTINATION ${CMAKE_INSTALL_DATADIR}/dbus-1/system.d COMPONENT daemon)
+  install(FILES ${PROJECT_BINARY_DIR}/com.kelvora.vorlan.conf DESTINATION ${policy_dir} COMPONENT daemon)
   install(FILES packaging/vorlan.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT daemon)
 endif()
 if(VORLAN_BUILD_QV)
