@@ -127,7 +127,7 @@ void Vorlan::serveOne(SManager& mgr)
     initLink(mgr); // what fails here shows in the next read
 }
 
-/// Everything is told to stop before anything is waited for: the whole takes no longer than the slowest.
+/// Everything is told to stop before anything is waited for.
 void Vorlan::stopWorkers()
 {
     mStopping = true;

@@ -4,7 +4,6 @@
 #include "dbus/NetConf.h"
 
 #include <atomic>
-#include <cstdint>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -32,7 +31,7 @@ public:
 
     /// Installs the handlers of the stop signals.
     Vorlan();
-    /// Waits until the last reply is written and what a request has started is over.
+    /// Waits until the last reply is written.
     virtual ~Vorlan();
     Vorlan(const Vorlan&) = delete;
     Vorlan& operator=(const Vorlan&) = delete;
@@ -44,7 +43,7 @@ public:
     void setSerialCfg(const std::string& device, unsigned int baud);
 
     /// The whole life of the link. Returns when the daemon is to stop; of what it started nothing runs any more but the
-    /// last reply.
+    /// last reply and a call on the idle application that is under way.
     void run();
 
     /// Handles one request message and sends its reply. True when the request was accepted; throws VorlanException

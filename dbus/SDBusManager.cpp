@@ -140,7 +140,7 @@ void SDBusManager::serve()
     }
 }
 
-/// One turn of the loop. The connection is free for the emitters while the loop waits, and only then.
+/// One turn of the loop. The connection is free for the emitters while the loop waits.
 /// False when the loop or the connection has come to its end.
 bool SDBusManager::runOnce()
 {
@@ -171,7 +171,7 @@ void SDBusManager::emitPropChange(const std::string& name)
 void SDBusManager::emitSignal(const char* member)
 {
     const std::lock_guard lock(mMutex);
-    if (!mBus || isStopRequested()) // what was read since may be a default
+    if (!mBus || isStopRequested()) // what seems to have changed may be the default of a stopped client
         return;
     sd_bus_emit_signal(mBus.get(), kPath, kName, member, nullptr);
     wake();

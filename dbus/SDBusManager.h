@@ -49,8 +49,8 @@ private:
     void emitSignal(const char* member);
     void wake();
 
-    BusPtr mBus;       ///< null while there is no connection; used under mMutex
     EventPtr mEvent;   ///< service thread only
+    BusPtr mBus;       ///< null while there is no connection; used under mMutex
     std::mutex mMutex; ///< held whenever the connection is used, also while the loop dispatches
     UniqueFd mWakeFd;  ///< eventfd: has the loop look at the connection, or at the stop flag
 };

@@ -5,6 +5,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/file.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -124,6 +125,7 @@ void SerialPhy::open()
     mFd = ::open(mDevice.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
     if (mFd < 0)
         throw failure("SerialPhy::open: failed: ");
+    flock(mFd, LOCK_EX | LOCK_NB); // for tools that ask whether the port is in use; ours it is in any case
 }
 
 void SerialPhy::close()

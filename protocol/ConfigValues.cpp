@@ -2,6 +2,7 @@
 #include "dbus/Handles.h"
 #include "dbus/SDBusSysD.h"
 
+#include <cstdint>
 #include <cstdio>
 
 namespace {

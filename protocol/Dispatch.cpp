@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <iterator>
 #include <memory>
+#include <utility>
 
 namespace {
 
@@ -33,6 +34,7 @@ bool Vorlan::parse(tBytes& data)
     const unsigned char first = data.empty() ? 0 : data[0];
     const unsigned char cmd = first & wire::kCommandMask;
     bool ok = false;
+    // a register request without an address is no known command
     if (cmd == wire::eCmdReadReg && data.size() >= 2)
         return readReg(data);
     if (cmd == wire::eCmdWriteReg && data.size() >= 2)

@@ -5,7 +5,9 @@
 
 namespace {
 
-constexpr std::size_t kMaxInterfaces = 64; ///< names beyond these are served, but not remembered
+// What is more than this is served, but not remembered.
+constexpr std::size_t kMaxInterfaces = 64;
+constexpr std::size_t kMaxRecord = 4096; ///< bytes of a request
 
 /// Reads the fields of a request one after another. What is missing or not ended is empty, and the next field begins
 /// one byte behind what was read.
@@ -57,7 +59,8 @@ bool Vorlan::setNetworkCfg(tBytes& data)
     FieldReader fields(data);
     const std::string interface = fields.text();
     NetConf conf = readNetConf(fields);
-    rememberNetConf(interface, conf);
+    if (data.size() <= kMaxRecord)
+        rememberNetConf(interface, conf);
     const bool internal = interface == mpSysD->getCfgString("ETHInternal");
     if (internal)
         conf.dnsMode = 0;

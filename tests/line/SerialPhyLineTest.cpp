@@ -4,12 +4,16 @@
 #include "tests/line/PtyLine.h"
 #include "tests/support/Sleeper.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
@@ -425,6 +429,18 @@ TEST_F(SerialPhyLine, StopsReadingWhenASignalComes)
     }
     EXPECT_EQ(mResult, 0);
     sigaction(SIGUSR2, &before, nullptr);
+}
+
+TEST_F(SerialPhyLine, IsTakenForThoseWhoAsk)
+{
+    open();
+    const int other = ::open(line.device().c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
+    EXPECT_EQ(flock(other, LOCK_EX | LOCK_NB), -1);
+    EXPECT_EQ(errno, EWOULDBLOCK);
+    port.close();
+    EXPECT_EQ(flock(other, LOCK_EX | LOCK_NB), 0);
+    EXPECT_EQ(open(), 0); // whoever has it, it is the daemon's line
+    ::close(other);
 }
 
 /// While it lives no poll works: not even one descriptor is allowed.
