@@ -119,7 +119,7 @@ public:
             throw std::runtime_error("end of input");
         Bytes chunk = std::exchange(mMade, {});
         if (chunk.empty()) {
-            const std::uint8_t control = take(1)[0];
+            const std::uint8_t control = take(1).at(0);
             chunk = (control & kMade) != 0 ? makeFrame(control) : take(control % kRawEnd);
         }
         if (chunk.size() > len) {
