@@ -1,11 +1,23 @@
 #include "FailingAllocator.h"
 
+#include <dlfcn.h>
+#include <pthread.h>
+
 #include <cerrno>
 #include <cstddef>
 
 namespace {
 
+using CreateThread = int(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
+
 std::atomic<allocator::tControl*> sControl = nullptr;
+
+/// The C library's own.
+CreateThread* createThread()
+{
+    static auto* const found = reinterpret_cast<CreateThread*>(dlsym(RTLD_NEXT, "pthread_create"));
+    return found;
+}
 
 bool fails()
 {
@@ -23,6 +35,7 @@ void* exhausted()
 
 void allocator::arm(tControl& control)
 {
+    createThread(); // what the search allocates is not counted
     sControl = &control;
 }
 
@@ -45,5 +58,14 @@ void* calloc(std::size_t count, std::size_t size) noexcept
 void* realloc(void* block, std::size_t size) noexcept
 {
     return fails() ? exhausted() : __libc_realloc(block, size);
+}
+
+int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*), void* argument) noexcept
+{
+    if (fails()) {
+        sControl.load()->threadFailed = true;
+        return EAGAIN;
+    }
+    return createThread()(thread, attributes, body, argument);
 }
 }
