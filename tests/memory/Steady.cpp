@@ -1,10 +1,11 @@
 // Requests of every kind, noise and floods on the line for one daemon on private buses. After a warm-up its memory,
 // threads and descriptors, and those of the two bus daemons, must stay what they are.
 //
-//   steady_driver DAEMON REQUESTS NOISE_BYTES ROUNDS [SEED]
+//   steady_driver DAEMON REQUESTS NOISE_BYTES ROUNDS MAX_KIB [SEED]
 //
 // Requests and noise are spread over the rounds. After each one all is measured, and once more after a flood without a
-// delimiter: nothing of it may stay in the heap. The warm-up has no flood.
+// delimiter: nothing of it may stay in the heap. The warm-up has no flood. MAX_KIB is what each process may grow by
+// over everything that follows the warm-up.
 
 #include "tests/process/Rig.h"
 
@@ -29,7 +30,6 @@ using qv::Bytes;
 using qv::OutcomeE;
 using Random = std::mt19937_64;
 
-constexpr long kMaxGrowthKiB = 32; ///< of each process, over everything that follows the warm-up
 constexpr unsigned long kWarmUpRequests = 10'000;
 constexpr std::size_t kWarmUpNoise = 1 << 20;
 constexpr std::size_t kFlood = 5 << 18; ///< bytes without a delimiter, more than the daemon gathers
@@ -390,7 +390,7 @@ void printRow(const Steady& steady, std::chrono::seconds time, const Uses& uses,
 }
 
 /// False, with a line that says so, when something has grown.
-bool isFlat(const Uses& first, const Uses& now)
+bool isFlat(const Uses& first, const Uses& now, long maxGrowthKiB)
 {
     bool flat = true;
     for (std::size_t i = 0; i < first.size(); ++i) {
@@ -401,14 +401,15 @@ bool isFlat(const Uses& first, const Uses& now)
                 flat = false;
             }
         };
-        check("KiB resident", first[i].rssKiB, now[i].rssKiB, kMaxGrowthKiB);
+        check("KiB resident", first[i].rssKiB, now[i].rssKiB, maxGrowthKiB);
         check("threads", first[i].threads, now[i].threads, 0);
         check("descriptors", first[i].descriptors, now[i].descriptors, 0);
     }
     return flat;
 }
 
-bool run(const std::string& daemon, unsigned long requests, std::size_t noise, unsigned long rounds, std::uint64_t seed)
+bool run(const std::string& daemon, unsigned long requests, std::size_t noise, unsigned long rounds, long maxGrowthKiB,
+         std::uint64_t seed)
 {
     Steady steady(daemon, seed);
     steady.start();
@@ -436,7 +437,7 @@ bool run(const std::string& daemon, unsigned long requests, std::size_t noise, u
     const auto check = [&](const char* remark) {
         const Uses now = steady.measure(first[0].threads);
         printRow(steady, seconds(), now, remark);
-        flat = isFlat(first, now) && flat;
+        flat = isFlat(first, now, maxGrowthKiB) && flat;
     };
     for (unsigned long round = 0; round < rounds; ++round) {
         steady.ask((requests - warmUp) / rounds + (round < (requests - warmUp) % rounds ? 1 : 0));
@@ -447,7 +448,7 @@ bool run(const std::string& daemon, unsigned long requests, std::size_t noise, u
     }
     steady.stop();
     std::printf("%s: at most %ld KiB, no thread and no descriptor more than after the warm-up\n",
-                flat ? "flat" : "NOT FLAT", kMaxGrowthKiB);
+                flat ? "flat" : "NOT FLAT", maxGrowthKiB);
     return flat;
 }
 
@@ -455,13 +456,13 @@ bool run(const std::string& daemon, unsigned long requests, std::size_t noise, u
 
 int main(int argc, char** argv)
 {
-    if (argc != 5 && argc != 6) {
-        std::fputs("Usage: steady_driver DAEMON REQUESTS NOISE_BYTES ROUNDS [SEED]\n", stderr);
+    if (argc != 6 && argc != 7) {
+        std::fputs("Usage: steady_driver DAEMON REQUESTS NOISE_BYTES ROUNDS MAX_KIB [SEED]\n", stderr);
         return 2;
     }
     try {
         return run(argv[1], std::stoul(argv[2]), std::stoul(argv[3]), std::max(1UL, std::stoul(argv[4])),
-                   argc == 6 ? std::stoull(argv[5]) : 1)
+                   std::stol(argv[5]), argc == 7 ? std::stoull(argv[6]) : 1)
                    ? 0
                    : 1;
     } catch (const std::exception& e) {
