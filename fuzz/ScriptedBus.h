@@ -4,8 +4,8 @@
 #include <span>
 
 // Buses that lead nowhere, for programs in which ScriptedBus.cpp stands before the bus library's calls. Connections and
-// messages are the library's own; each call is checked and answered in the process, each connection opens at once, and
-// whoever waits for the signal Finished gets it. Needs an InlineThreads: one thread only.
+// messages are the library's own; each call is checked and answered in the process, each connection opens or fails at
+// once, and whoever waits for the signal Finished gets it. Needs an InlineThreads: one thread only.
 
 /// What the answers are to be from now on; the bytes stay the caller's. Each opening, call and signal takes a byte,
 /// and what this one asks for; when the bytes have been used up, every answer is the usual one: "http://localhost",
