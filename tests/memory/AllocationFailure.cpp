@@ -328,6 +328,8 @@ private:
             askAll(kBefore) && ask(kApplyConfig) && awaitVisualisation() && askOnTheBus(full, what) && askAll(kAfter);
         if (learning)
             full.replies = replies;
+        if (!what.empty())
+            return EndE::eWrong;
         const EndE end = ended(what);
         if (answered || end == EndE::eEnded || !what.empty())
             return what.empty() ? end : EndE::eWrong;
