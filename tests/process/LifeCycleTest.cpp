@@ -316,7 +316,8 @@ TEST_P(StopSignal, isNotSatisfiedByAFrameThatTheLinkHandlesItself)
     ASSERT_TRUE(mRig.device().desktop().waitForService());
     ASSERT_TRUE(signalTaken(GetParam()));
     mRig.port().write(qv::Bytes{0x02, 0x05, 0x02, 0x11, 0x00}); // too short: answered by a reset frame
-    EXPECT_EQ(hex(mRig.receive(1)), hex(qv::toWire(qv::buildFrame(0x12, qv::Bytes{0x00}))));
+    const auto header = static_cast<std::uint8_t>(qv::kResetFlag | qv::nextNumber(mRig.peer().number()));
+    EXPECT_EQ(hex(mRig.receive(1)), hex(qv::toWire(qv::buildFrame(header, qv::Bytes{0x00}))));
     EXPECT_TRUE(mRig.inStep());
     EXPECT_EQ(mRig.daemon().waitExit(), exited(0));
     expectQuietLife();
