@@ -183,7 +183,7 @@ void Story::daemonStarts()
 
 void Story::qvOpensTheLink()
 {
-    begin("QV opens the link with a harmless read that carries the reset flag");
+    begin("QV opens the link with harmless reads that carry the reset flag");
     if (!mPeer.sync())
         fail("an answer on the line", "none");
     Match reset = request("read const-0");
