@@ -4,6 +4,7 @@
 #include <array>
 #include <cctype>
 #include <charconv>
+#include <chrono>
 #include <cstdio>
 #include <ctime>
 #include <limits>
@@ -188,12 +189,14 @@ std::int64_t parseDate(std::string_view text)
     if (end == nullptr || *end != '\0') {
         refuse(ValueE::eTime, text);
     }
-    const auto typed = date;
-    const auto seconds = timegm(&date);
-    if (date.tm_mday != typed.tm_mday || date.tm_sec != typed.tm_sec) { // the 31st of a shorter month, a leap second
+    using namespace std::chrono; // whose days do not end in 2038 on a 32-bit machine, as time_t does
+    const year_month_day day{year(date.tm_year + 1900), month(static_cast<unsigned>(date.tm_mon) + 1),
+                             std::chrono::day(static_cast<unsigned>(date.tm_mday))};
+    if (!day.ok() || date.tm_sec > 59) { // the 31st of a shorter month, a leap second
         refuse(ValueE::eTime, text);
     }
-    return seconds;
+    const auto time = sys_days(day) + hours(date.tm_hour) + minutes(date.tm_min) + seconds(date.tm_sec);
+    return time.time_since_epoch().count();
 }
 
 std::int64_t parseSeconds(std::string_view text)
@@ -269,10 +272,11 @@ std::string bytesText(ByteView bytes)
 /// "2024-05-06", `between`, "07:08:09", `after`
 std::string dateText(ByteView bytes, const char* between, const char* after)
 {
-    const auto seconds = static_cast<std::time_t>(fromLittleEndianSigned(bytes));
+    const auto value = fromLittleEndianSigned(bytes);
+    const auto seconds = static_cast<std::time_t>(value);
     std::tm date{};
-    if (gmtime_r(&seconds, &date) == nullptr) {
-        return "@" + std::to_string(seconds);
+    if (seconds != value || gmtime_r(&seconds, &date) == nullptr) {
+        return "@" + std::to_string(value);
     }
     char text[128];
     std::snprintf(text, sizeof text, "%04d-%02d-%02d%s%02d:%02d:%02d%s", date.tm_year + 1900, date.tm_mon + 1,
