@@ -39,6 +39,11 @@ void allocator::arm(tControl& control)
     sControl = &control;
 }
 
+void allocator::disarm()
+{
+    sControl = nullptr;
+}
+
 extern "C" {
 
 void* __libc_malloc(std::size_t size);

@@ -18,4 +18,7 @@ struct tControl
 /// From now on allocations and threads of this process are counted, and the one that `control` names fails.
 void arm(tControl& control);
 
+/// They are the C library's again.
+void disarm();
+
 } // namespace allocator
