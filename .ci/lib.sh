@@ -64,12 +64,13 @@ build() {
     cmake --build "build/$preset" -j "$(nproc)" ${1:+--target "$@"} "${quiet[@]}"
 }
 
-# suite PRESET [CTEST ARGUMENT...]: runs ctest, several tests to a core since they mostly wait; its summary is the last line and stays in build/PRESET/summary.
+# suite PRESET [CTEST ARGUMENT...]: runs ctest, several tests to a core since they mostly wait; its summary is the last
+# line and stays in build/PRESET/summary.
 suite() {
     local preset=$1 log=build/$1/ctest.log status=0
     shift
     say "testing build/$preset"
-    ctest --preset "$preset" --no-tests=error -j "$((3 * $(nproc)))" "$@" 2>&1 | tee "$log" || status=$?
+    ctest --preset "$preset" --no-tests=error -j "$((4 * $(nproc)))" "$@" 2>&1 | tee "$log" || status=$?
     grep -E '^[0-9]+% tests passed' "$log" | tail -n 1 >"build/$preset/summary" || true
     cat "build/$preset/summary"
     return "$status"
