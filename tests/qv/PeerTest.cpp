@@ -64,6 +64,7 @@ qv::Bytes broken(unsigned header, const std::string& payload)
     return qv::toWire(bytes);
 }
 
+constexpr auto kLong = 1h; ///< silence is over at once here; a machine that stands still must not end a wait
 const auto kBeep = hex("02 09");
 const auto kReadBrightness = hex("00 09");
 
@@ -96,7 +97,7 @@ protected:
     }
 
     ScriptedLine mLine;
-    qv::Peer mPeer{mLine, {.timeout = 10ms, .tries = 4, .firstNumber = firstFor(1)}};
+    qv::Peer mPeer{mLine, {.timeout = kLong, .tries = 4, .firstNumber = firstFor(1)}};
 };
 
 TEST_F(PeerTest, GetsInStepTwiceWithAHarmlessReadThatCarriesTheResetFlag)
@@ -332,7 +333,7 @@ TEST_F(PeerTest, ARefusalAskedForAgainStaysARefusal)
 
 TEST_F(PeerTest, AResetWithTheNextNumberProvesThatNothingWasDone)
 {
-    qv::Peer peer(mLine, {.timeout = 10ms, .tries = 4, .firstNumber = firstFor(5)});
+    qv::Peer peer(mLine, {.timeout = kLong, .tries = 4, .firstNumber = firstFor(5)});
     getInStep(peer);
     mLine.answer({frame(0x16, "00")});  // request 5: reset frame 6
     mLine.answer({frame(13, "00 00")}); // sync 12
@@ -349,7 +350,7 @@ TEST_F(PeerTest, AResetThatAFreshDaemonMaySendProvesNothing)
     for (unsigned number = 0; number < 16; ++number) {
         for (unsigned sends = 1; sends <= 4; ++sends) {
             SCOPED_TRACE(std::to_string(sends) + " sendings with number " + std::to_string(number));
-            qv::Peer peer(mLine, {.timeout = 10ms, .tries = 4, .firstNumber = firstFor(number)});
+            qv::Peer peer(mLine, {.timeout = kLong, .tries = 4, .firstNumber = firstFor(number)});
             getInStep(peer);
             for (unsigned i = 1; i < sends; ++i) {
                 mLine.answer({});

@@ -13,13 +13,14 @@
 #include <deque>
 #include <fstream>
 #include <sstream>
+#include <thread>
 
 namespace {
 
 using namespace std::chrono_literals;
 using Words = std::vector<std::string>;
 
-/// Answers each frame with what was laid down for it.
+/// Answers each frame at once with what was laid down for it.
 class AnsweringLine : public qv::Line
 {
 public:
@@ -30,10 +31,13 @@ public:
             mAnswers.pop_front();
         }
     }
-    qv::Bytes read(qv::Clock::time_point) override
+    qv::Bytes read(qv::Clock::time_point deadline) override
     {
         if (mHangsUp && mAnswers.empty() && mIncoming.empty()) {
             throw qv::LineError("the line hung up");
+        }
+        if (mIncoming.empty()) {
+            std::this_thread::sleep_until(deadline);
         }
         return std::exchange(mIncoming, {});
     }
@@ -59,7 +63,7 @@ protected:
     }
 
     AnsweringLine mLine;
-    qv::Peer mPeer{mLine, {.timeout = 7ms, .tries = 3, .baud = 0, .firstNumber = 8}};
+    qv::Peer mPeer{mLine, {.timeout = 300ms, .tries = 3, .baud = 0, .firstNumber = 8}};
     std::ostringstream mOut;
     std::ostringstream mErr;
     qv::Session mSession{mPeer, mOut, mErr};
@@ -103,7 +107,8 @@ TEST_F(SessionTest, TellsOfARefusal)
 TEST_F(SessionTest, TellsWhenNothingComes)
 {
     EXPECT_EQ(mSession.runLine("call beep"), qv::eStatusNoAnswer);
-    EXPECT_NE(mErr.str().find("call beep: no answer: nothing at all came back in 3 tries of 7 ms."), std::string::npos);
+    EXPECT_NE(mErr.str().find("call beep: no answer: nothing at all came back in 3 tries of 300 ms."),
+              std::string::npos);
     EXPECT_NE(mErr.str().find("Is the daemon running"), std::string::npos);
     EXPECT_NE(mErr.str().find("--baud"), std::string::npos);
     EXPECT_EQ(mErr.str().find("may have been carried out"), std::string::npos) << "it was never sent";
@@ -135,7 +140,7 @@ TEST_F(SessionTest, TellsOfBrokenFrames)
 
 TEST_F(SessionTest, OnceInStepResetFramesAreNotTakenForSilence)
 {
-    qv::Peer peer(mLine, {.timeout = 7ms, .tries = 1, .firstNumber = 8});
+    qv::Peer peer(mLine, {.timeout = 300ms, .tries = 1, .firstNumber = 8});
     qv::Session session(peer, mOut, mErr);
     answers({frame(9, "00 00"), frame(1, "00 00"), frame(0x15, "00"), frame(6, "00 00")});
     EXPECT_EQ(session.runLine("read brightness-raw"), qv::eStatusNoAnswer);
