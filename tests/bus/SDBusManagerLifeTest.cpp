@@ -384,7 +384,10 @@ public:
         const timeval deadline{10, 0};
         setsockopt(mSocket.get(), SOL_SOCKET, SO_RCVTIMEO, &deadline, sizeof deadline);
         std::string message(1000, '\0');
-        const ssize_t got = recv(mSocket.get(), message.data(), message.size(), 0);
+        ssize_t got = 0;
+        do
+            got = recv(mSocket.get(), message.data(), message.size(), 0);
+        while (got < 0 && errno == EINTR);
         message.resize(got < 0 ? 0 : static_cast<std::size_t>(got));
         return message;
     }

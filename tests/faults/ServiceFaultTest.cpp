@@ -327,11 +327,12 @@ TEST_F(FaultOfAService, systemDaemonAnswersTooLate)
     describe(
         {"system daemon's answer after the time-out", "reply with an empty value; the late answer is dropped", 2s});
     ASSERT_NO_FATAL_FAILURE(serve());
-    mRig.device().sysd().setBehaviour("GetParamString", tBehaviour::delayed(2500ms).times(1));
+    mRig.device().sysd().setBehaviour("GetParamString", tBehaviour::held().times(1));
     EXPECT_EQ(askText(), kNoText);
     faultIsOver();
     EXPECT_EQ(mRig.ask(readReg(wire::eRegRdIpAddr)), "00 31 39 32 2e 31 36 38 2e 31 30 2e 32 30 00");
     recovered();
+    mRig.device().sysd().release();
     ASSERT_TRUE(mRig.timeline().waitFor(
         [](const sim::tEvent& event) { return event.member == "GetParamString" && event.answer; }));
     EXPECT_EQ(mRig.ask(readReg(wire::eRegRdIpAddr)), "00 31 39 32 2e 31 36 38 2e 31 30 2e 32 30 00");

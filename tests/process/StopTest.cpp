@@ -390,9 +390,11 @@ TEST_F(Stop, waitsForOneSlowAnswerOfARequestNotForEach)
     mRig.daemon().signal(SIGTERM);
     expectEndWithin(milliseconds{7000}, "stop by SIGTERM: request with nine unanswered calls under way",
                     "its reply, a line for each call, status 0");
+    EXPECT_TRUE(mRig.timeline().waitForCount(call("SetParamString"), 9));
+    EXPECT_TRUE(mRig.timeline().waitForCount(call("SaveConfig"), 2)); // the start's, and the request's
     EXPECT_EQ(mRig.timeline().count(call("SetParamString")), 9U);
-    EXPECT_EQ(countOf(mRig.daemon().err(), "SDBusSysD: Failed to set param: "), 9U);
-    EXPECT_EQ(mRig.timeline().count(call("SaveConfig")), 2U); // the start's, and the request's
+    // on a busy machine those that are answered can be too late as well
+    EXPECT_GE(countOf(mRig.daemon().err(), "SDBusSysD: Failed to set param: "), 9U);
 }
 
 TEST_F(Stop, refusesTheDiagnosticsPageThatItCutsShort)

@@ -203,6 +203,7 @@ TEST_F(GateTest, TheStatusIsStoredAndPublishedBehindTheGate)
     EXPECT_EQ("01", reply());
     EXPECT_EQ("4", mRig.device().desktop().property("StatusQV").value);
     EXPECT_TRUE(comes(call("Start").to("logo")));
+    EXPECT_TRUE(comes(property("StatusQV", "4")));
     EXPECT_EQ("", timeline().missingInOrder({property("ShowQVStatus"), property("StatusQV", "4")}));
 }
 
