@@ -255,7 +255,8 @@ protected:
     void fillTheLine()
     {
         mRig.device().sysd().setIpAddress(std::string(kLong, 'x'));
-        serveWithService(mRig);
+        ASSERT_TRUE(mRig.serve());
+        ASSERT_TRUE(mRig.device().desktop().waitForService());
         mNumber = mRig.peer().number();
         mRig.peer().sendFrame(mNumber, readReg(wire::eRegRdIpAddr));
         mNumber = qv::nextNumber(mNumber);
