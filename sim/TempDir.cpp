@@ -43,7 +43,7 @@ PathGuard::~PathGuard()
 
 TempDir::TempDir()
 {
-    char path[] = "/tmp/vorlan-sim-XXXXXX";
+    char path[] = "/tmp/vorlan-sim-XXXXXX"; // mkdtemp fills in the last six
     if (mkdtemp(path) == nullptr)
         throw std::runtime_error("no temporary folder in /tmp");
     mPath = path;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <thread>
 
@@ -27,3 +28,6 @@ public:
     /// How many calls have failed.
     std::size_t failed() const;
 };
+
+/// What this thread's last sd_bus_call was given to wait, in microseconds.
+std::uint64_t timeOutOfLastCall();

@@ -93,7 +93,7 @@ class SerialPhyNoTerminal : public SerialPhyLine
 protected:
     SerialPhyNoTerminal()
     {
-        char path[] = "/tmp/vorlan-line-XXXXXX";
+        char path[] = "/tmp/vorlan-line-XXXXXX"; // mkdtemp fills in the last six
         mFolder = mkdtemp(path);
     }
     ~SerialPhyNoTerminal() override { std::filesystem::remove_all(mFolder); }

@@ -291,7 +291,7 @@ protected:
 TEST_F(Stop, keepsTheLogosFromStarting)
 {
     // The logo thread is kept in its announcement by the controller, which looks for updates, then by the answer to its
-    // question. Seldom it is the faster one and has announced before: then once more.
+    // question. When it was the faster one and has announced before, all is tried once more.
     for (int attempt = 0; attempt < 50; ++attempt) {
         Rig rig(kVorlan);
         sim::SysDaemon& sysd = rig.device().sysd();

@@ -43,9 +43,9 @@ void expectTrue(const bad_line::tFigures& figures, const bad_line::tCase& what)
     EXPECT_THAT(figures.violations, testing::IsEmpty());
 }
 
-TEST_F(BadLineDeviceTest, TwoThousandRequestsEachTakeEffectOnceWithTheRightReply)
+TEST_F(BadLineDeviceTest, TwentyThousandRequestsEachTakeEffectOnceWithTheRightReply)
 {
-    const bad_line::tCase what{.kind = "frames", .percent = 5, .requests = 2000, .seed = 20};
+    const bad_line::tCase what{.kind = "frames", .percent = 5, .requests = 20'000, .seed = 20};
     const auto figures = bad_line::run(mRig, what);
     expectTrue(figures, what);
     for (const auto& counts : {figures.sent, figures.received}) {

@@ -69,7 +69,9 @@ public:
     std::string folder() const
     {
         const auto begin = mText.find("/tmp/vorlan-sim-");
-        return begin == std::string::npos ? "" : mText.substr(begin, std::string("/tmp/vorlan-sim-XXXXXX").size());
+        constexpr std::string_view kTemplate =
+            "/tmp/vorlan-sim-XXXXXX"; // what mkdtemp was given: as long as its result
+        return begin == std::string::npos ? "" : mText.substr(begin, kTemplate.size());
     }
 
 private:
