@@ -5,10 +5,10 @@
 #include "dbus/SDBusManager.h"
 #include "link/SDataLink.h"
 #include "link/SManager.h"
+#include "os/Log.h"
 
 #include <cerrno>
 #include <csignal>
-#include <cstdio>
 #include <ctime>
 
 std::atomic<bool> sRunning = true;
@@ -86,7 +86,7 @@ void Vorlan::run()
 void Vorlan::waitForSysDaemon()
 {
     while (!mpSysD->sysDaemonReady()) {
-        std::puts("Waiting for sysdaemon ready...retrying..");
+        logOut({"Waiting for sysdaemon ready...retrying.."});
         sleepMs(100);
     }
 }
@@ -121,7 +121,7 @@ void Vorlan::serveOne(SManager& mgr)
         parse(request);
         return;
     }
-    std::puts("Vorlan: Run: failed, restarting...");
+    logOut({"Vorlan: Run: failed, restarting..."});
     mpDataLink.reset();
     mpDataLink = std::make_unique<SDataLink>();
     initLink(mgr); // what fails here shows in the next read

@@ -1,4 +1,5 @@
 #include "core/Vorlan.h"
+#include "os/Log.h"
 
 #include <fcntl.h>
 #include <getopt.h>
@@ -7,7 +8,6 @@
 #include <unistd.h>
 
 #include <csignal>
-#include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <string>
@@ -28,7 +28,7 @@ void print_usage()
     for (const char* line :
          {"Usage: vorlan daemon [-opts]", "", "Options:", "-s, --serialdev=path\tpath to serial device",
           "-b, --baudrate=<num>\baudrate to serial device"})
-        std::puts(line);
+        logOut({line});
 }
 
 [[noreturn]] void refuse()
@@ -78,16 +78,15 @@ void fillStandardDescriptors()
 int main(int argc, char** argv)
 {
     fillStandardDescriptors();
-    std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ); // a line is one write, whatever standard output is
-    std::signal(SIGPIPE, SIG_IGN);                 // nor does it matter whether anybody reads it
-    prctl(PR_SET_TIMERSLACK, 1UL);                 // ns: the settle pause of the line is short
+    std::signal(SIGPIPE, SIG_IGN);          // it does not matter whether anybody reads the log
+    prctl(PR_SET_TIMERSLACK, 1UL);          // ns: the settle pause of the line is short
     mallopt(M_MMAP_THRESHOLD, kLargeBlock); // fixed: a flood's buffers go back to the system, whatever came before
-    std::puts("kelvora vorlan daemon started");
+    logOut({"kelvora vorlan daemon started"});
     const tOptions options = parseOptions(argc, argv);
     Vorlan vorlan;
     vorlan.init();
     vorlan.setSerialCfg(options.device, options.baud);
     vorlan.run();
-    std::puts("kelvora vorlan daemon stopped");
+    logOut({"kelvora vorlan daemon stopped"});
     return 0;
 }

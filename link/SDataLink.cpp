@@ -1,6 +1,7 @@
 #include "link/SDataLink.h"
 
-#include <cstdio>
+#include "os/Log.h"
+
 #include <utility>
 
 namespace {
@@ -64,7 +65,7 @@ int SDataLink::checkRecvFrame(tBytes& frame)
     if (frame.size() < kMinFrame)
         return answerHandled(false);
     if (!checkRecvCrc(frame)) {
-        std::fputs("SDataLink::tryRead: crc check failed\n", stderr);
+        logErr({"SDataLink::tryRead: crc check failed"});
         return answerHandled(true);
     }
     const auto sequence = static_cast<std::uint8_t>(frame[0] & kSequenceMask);

@@ -1,6 +1,7 @@
 #include "link/SManager.h"
 
-#include <cstdio>
+#include "os/Log.h"
+
 #include <exception>
 #include <mutex>
 
@@ -64,7 +65,7 @@ bool SManager::initBackend()
         smpSBackend->init(&params); // refused settings still leave an open port
         return true;
     } catch (const std::exception& e) {
-        std::fprintf(stderr, "SManager: initBacked: %s\n", e.what());
+        logErr({"SManager: initBacked: ", e.what()});
         return false;
     }
 }

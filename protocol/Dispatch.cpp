@@ -1,11 +1,11 @@
 #include "core/Vorlan.h"
 #include "dbus/SDBusSysD.h"
 #include "link/SDataLink.h"
+#include "os/Log.h"
 #include "protocol/Wire.h"
 
 #include <algorithm>
 #include <cstdint>
-#include <cstdio>
 #include <iterator>
 #include <memory>
 #include <utility>
@@ -43,7 +43,7 @@ bool Vorlan::parse(tBytes& data)
         ok = data.size() >= 2 && parseCall(data);
     else {
         reply(true, cmd);
-        std::fprintf(stderr, "Vorlan: unknown cmd detected: %u\n", unsigned{first});
+        logErr({"Vorlan: unknown cmd detected: ", std::to_string(first)});
         return false;
     }
     reply(!ok, cmd);
@@ -67,7 +67,7 @@ bool Vorlan::parseCall(tBytes& data)
     static_assert(std::size(kHandlers) == std::size(wire::kMethods));
     const unsigned int method = data[1];
     if (method >= std::size(kHandlers)) {
-        std::fprintf(stderr, "Vorlan: unknown methodID detected: %u\n", method);
+        logErr({"Vorlan: unknown methodID detected: ", std::to_string(method)});
         return false;
     }
     const tHandler& handler = kHandlers[method];
@@ -88,7 +88,7 @@ bool Vorlan::setTime(tBytes& data)
 
 bool Vorlan::applyConfig(tBytes&)
 {
-    std::puts("Vorlan: ApplyConfig");
+    logOut({"Vorlan: ApplyConfig"});
     mApplyConfigRequested = true;
     tryApplyCfg();
     return true;

@@ -1,7 +1,6 @@
 #include "core/Vorlan.h"
 #include "dbus/SDBusSysD.h"
-
-#include <cstdio>
+#include "os/Log.h"
 
 namespace {
 
@@ -84,8 +83,7 @@ void Vorlan::rememberNetConf(const std::string& interface, const NetConf& conf)
 void Vorlan::applyNetConf(const NetConf& conf)
 {
     mpSysD->configureNetIf(mpSysD->getCfgString("EthDev"), conf);
-    const std::string line = "Vorlan: setNetworkCfg: ETHInternal: " + mpSysD->getCfgString("EthDev") + "\n";
-    std::fputs(line.c_str(), stderr); // at once, however long
+    logErr({"Vorlan: setNetworkCfg: ETHInternal: ", mpSysD->getCfgString("EthDev")});
 }
 
 void Vorlan::storeNetConf(const NetConf& conf)

@@ -1,8 +1,8 @@
 #include "core/Vorlan.h"
 #include "dbus/SDBusSysD.h"
+#include "os/Log.h"
 #include "protocol/Wire.h"
 
-#include <cstdio>
 #include <iterator>
 
 namespace {
@@ -37,7 +37,7 @@ bool Vorlan::readReg(tBytes& request)
     static_assert(std::size(kReaders) == std::size(wire::kReadRegisters));
     const unsigned int address = request[1];
     if (address >= std::size(kReaders)) {
-        std::fprintf(stderr, "Vorlan: unknown address for register read detected: %u\n", address);
+        logErr({"Vorlan: unknown address for register read detected: ", std::to_string(address)});
         return false;
     }
     (this->*kReaders[address])();
@@ -111,6 +111,6 @@ void Vorlan::readStartCode()
 void Vorlan::readDispBrightnessRaw()
 {
     const unsigned char brightness = lowByte(mpSysD->getParamInt(eParamReg172));
-    std::printf("Vorlan: readReg eRegRdDispBrightnessRaw %u\n", unsigned{brightness});
+    logOut({"Vorlan: readReg eRegRdDispBrightnessRaw ", std::to_string(brightness)});
     reply(false, wire::eCmdReadReg, tBytes{brightness});
 }

@@ -2,9 +2,9 @@
 #include "core/VorlanCfg.h"
 #include "dbus/SDBusManager.h"
 #include "dbus/SDBusSysD.h"
+#include "os/Log.h"
 #include "protocol/Wire.h"
 
-#include <cstdio>
 #include <iterator>
 #include <utility>
 
@@ -24,7 +24,7 @@ bool Vorlan::writeReg(tBytes& request)
     static_assert(std::size(kWriters) == std::size(wire::kWriteRegisters));
     const unsigned int address = request[1];
     if (address >= std::size(kWriters)) {
-        std::fprintf(stderr, "Vorlan: unknown address for register write detected: %u\n", address);
+        logErr({"Vorlan: unknown address for register write detected: ", std::to_string(address)});
         return false;
     }
     return (this->*kWriters[address])(request);
@@ -34,7 +34,7 @@ bool Vorlan::writeReg(tBytes& request)
 bool Vorlan::writeQVProtVersion(const tBytes& request)
 {
     const unsigned char version = request.size() > 2 ? request[2] : 0;
-    std::printf("Vorlan: writeReg eRegWrQVProtVersion %u\n", unsigned{version});
+    logOut({"Vorlan: writeReg eRegWrQVProtVersion ", std::to_string(version)});
     if (request.size() != kByteWrite)
         return false;
     VorlanCfg::cfg()->QVProtVersion = version;

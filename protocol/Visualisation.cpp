@@ -4,10 +4,10 @@
 #include "dbus/SDBusLogoHandler.h"
 #include "dbus/SDBusManager.h"
 #include "dbus/SDBusSysD.h"
+#include "os/Log.h"
 
 #include <algorithm>
 #include <cctype>
-#include <cstdio>
 #include <string_view>
 
 namespace {
@@ -49,11 +49,11 @@ void Vorlan::startLogoHandler()
     mpService->emitShowLogos();
     if (mStopping)
         return;
-    std::puts("Vorlan::startLogoHandler");
+    logOut({"Vorlan::startLogoHandler"});
     mpLogoHandler->run();
     if (mStopping)
         return;
-    std::puts("Vorlan::startLogoHandler: finished");
+    logOut({"Vorlan::startLogoHandler: finished"});
     mLogosFinished = true;
     mpService->sendLogosFinished();
     applyCfg();
