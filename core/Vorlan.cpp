@@ -50,7 +50,7 @@ void Vorlan::init()
     mpNetConfs = std::make_unique<std::map<std::string, NetConf>>();
     mpApp = SDBusClients::clients()->mApp;
     mpSysD = SDBusClients::clients()->mSysD;
-    mpSysD->hurryAfter(sRunning);
+    mpSysD->openOnlyWhile(sRunning);
 }
 
 void Vorlan::setSerialCfg(const std::string& device, unsigned int baud)
@@ -62,22 +62,25 @@ void Vorlan::setSerialCfg(const std::string& device, unsigned int baud)
 void Vorlan::run()
 {
     const auto mgr = SManager::mgr();
-    waitForSysDaemon();
-    readStartParams();
-    mpService->start();
-    if (mBaudrate == 0) {
-        mDevice = mpSysD->getCfgString("VorlanDev");
-        mBaudrate = static_cast<unsigned int>(mpSysD->getCfgInt("VorlanBaud"));
-    }
-    if (!initLink(*mgr))
-        sRunning = false;
-    while (sRunning) {
-        try {
-            serveOne(*mgr);
-        } catch (const VorlanException& e) {
-            if (e.keepRunning == 0)
-                break;
+    try {
+        waitForSysDaemon();
+        readStartParams();
+        startService();
+        if (mBaudrate == 0) {
+            mDevice = mpSysD->getCfgString("VorlanDev");
+            mBaudrate = static_cast<unsigned int>(mpSysD->getCfgInt("VorlanBaud"));
         }
+        if (!initLink(*mgr))
+            sRunning = false;
+        while (sRunning) {
+            try {
+                serveOne(*mgr);
+            } catch (const VorlanException& e) {
+                if (e.keepRunning == 0)
+                    break;
+            }
+        }
+    } catch (const BusStopped&) { // the stop came while the system bus stood still: nothing is done on a guess
     }
     stopWorkers();
 }
@@ -114,9 +117,20 @@ bool Vorlan::initLink(SManager& mgr)
     return mpDataLink->init();
 }
 
+/// Where there was no thread for it, it is tried again each second.
+void Vorlan::startService()
+{
+    using std::chrono::steady_clock;
+    if (mpService->isRunning() || steady_clock::now() - mServiceTried < std::chrono::seconds(1))
+        return;
+    mServiceTried = steady_clock::now();
+    mpService->start();
+}
+
 void Vorlan::serveOne(SManager& mgr)
 {
     tBytes request;
+    startService();
     if (mpDataLink->read(request)) {
         parse(request);
         return;

@@ -4,6 +4,7 @@
 #include "dbus/NetConf.h"
 
 #include <atomic>
+#include <chrono>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -17,6 +18,7 @@ class SDBusLogoHandler;
 class SDBusManager;
 class SDBusSysD;
 class SManager;
+class VorlanCfg;
 
 /// Cleared by the stop signals, and when the link cannot be opened; looked at between two requests.
 extern std::atomic<bool> sRunning;
@@ -69,6 +71,7 @@ private:
     // Life cycle
     void waitForSysDaemon();
     void readStartParams();
+    void startService();
     bool initLink(SManager& mgr);
     void serveOne(SManager& mgr);
     void stopWorkers();
@@ -111,13 +114,13 @@ private:
 
     // Register writes: true when accepted
     bool writeReg(tBytes& request);
-    bool writeQVProtVersion(const tBytes& request);
-    bool writeQVStatus(const tBytes& request);
-    bool writeQVIpAddr(const tBytes& request);
-    bool writeQVText1(const tBytes& request);
-    bool writeQVText2(const tBytes& request);
-    bool writeTimeZone(const tBytes& request);
-    bool writeTimeZoneFlag(const tBytes& request);
+    bool writeQVProtVersion(const tBytes& request, VorlanCfg& cfg);
+    bool writeQVStatus(const tBytes& request, VorlanCfg& cfg);
+    bool writeQVIpAddr(const tBytes& request, VorlanCfg& cfg);
+    bool writeQVText1(const tBytes& request, VorlanCfg& cfg);
+    bool writeQVText2(const tBytes& request, VorlanCfg& cfg);
+    bool writeTimeZone(const tBytes& request, VorlanCfg& cfg);
+    bool writeTimeZoneFlag(const tBytes& request, VorlanCfg& cfg);
 
     // Network
     void rememberNetConf(const std::string& interface, const NetConf& conf);
@@ -126,7 +129,9 @@ private:
 
     // Visualisation and update
     void tryApplyCfg();
+    void startLogos();
     void startLogoHandler();
+    void afterLogos();
     void applyCfg();
     bool applyVisu();
     void doWebUrlMods(std::string& url);
@@ -159,5 +164,6 @@ private:
     std::mutex mQVAddrMutex; ///< a change of QV's address comes before or after a URL's rewriting, never between
     std::unique_ptr<SDBusLogoHandler> mpLogoHandler; ///< made before the logo thread, outlives it
     std::thread mLogoThread;
+    std::chrono::steady_clock::time_point mServiceTried; ///< when its thread was asked for
     std::atomic<bool> mStopping = false;
 };

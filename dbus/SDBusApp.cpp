@@ -1,22 +1,27 @@
 #include "dbus/SDBusApp.h"
 
-#include "dbus/Handles.h"
+#include "dbus/Bus.h"
+#include "os/Log.h"
 
-#include <chrono>
-#include <cstdio>
+#include <algorithm>
 #include <exception>
-#include <thread>
+
+using std::chrono::seconds;
+using std::chrono::steady_clock;
 
 namespace {
+
 constexpr char kDestination[] = "com.kelvora.IdleApp"; // and interface
 constexpr char kPath[] = "/com/kelvora/IdleApp";
+constexpr long long kMaxDelayS = 365 * 24 * 3600; ///< longer ones would overflow the clock
+
 } // namespace
 
 SDBusApp::~SDBusApp()
 {
     stop();
-    std::unique_lock lock(mStateMutex);
-    mStateChanged.wait(lock, [this] { return mDelayedExits == 0; });
+    if (mExitThread.joinable())
+        mExitThread.join();
 }
 
 void SDBusApp::stop()
@@ -26,25 +31,25 @@ void SDBusApp::stop()
     mStateChanged.notify_all();
 }
 
+bool SDBusApp::isStopped()
+{
+    const std::lock_guard lock(mStateMutex);
+    return mStopped;
+}
+
 void SDBusApp::appDBusCall(const std::string& method, const std::string& arg)
 {
     const std::lock_guard lock(mCallMutex);
-    {
-        const std::lock_guard state(mStateMutex);
-        if (mStopped)
-            return;
-    }
+    if (isStopped())
+        return;
     BusPtr bus;
-    if (adopt(bus, [](sd_bus** b) { return sd_bus_open_user(b); }) < 0) {
-        std::fputs("Vorlan: Failed to open dbus\n", stderr);
+    if (openBus(BusE::eUser, bus) < 0) {
+        logErr({"Vorlan: Failed to open dbus"});
         return;
     }
-    BusError error;
-    if (arg.empty())
-        sd_bus_call_method(bus.get(), kDestination, kPath, kDestination, method.c_str(), error.get(), nullptr, nullptr);
-    else
-        sd_bus_call_method(bus.get(), kDestination, kPath, kDestination, method.c_str(), error.get(), nullptr, "s",
-                           arg.c_str());
+    const MessagePtr call = newCall(bus.get(), kDestination, kPath, method.c_str());
+    if (call && (arg.empty() || sd_bus_message_append(call.get(), "s", arg.c_str()) >= 0))
+        callBus(bus.get(), call.get(), [this] { return isStopped(); });
 }
 
 void SDBusApp::appExit()
@@ -62,29 +67,52 @@ void SDBusApp::appSetTextMsg(const std::string& text)
     appDBusCall("SetTextMsg", text);
 }
 
-void SDBusApp::delayedExit(long long seconds)
+void SDBusApp::delayedExit(long long delay)
 {
-    {
-        const std::lock_guard lock(mStateMutex);
-        if (mStopped || mDelayedExits == kMaxDelayedExits)
-            return;
-        ++mDelayedExits;
-    }
+    if (!queueExit(steady_clock::now() + seconds(std::clamp(delay, 0LL, kMaxDelayS))))
+        delayedExitExec(delay);
+}
+
+/// False when there is no thread, or no memory, to keep it.
+bool SDBusApp::queueExit(tTime time)
+{
+    const std::lock_guard lock(mStateMutex);
+    if (mStopped || mExits.size() == kMaxDelayedExits)
+        return true;
     try {
-        std::thread(&SDBusApp::delayedExitExec, this, seconds).detach();
-    } catch (const std::exception&) { // no thread to be had
-        delayedExitExec(seconds);
+        if (!mExitThread.joinable())
+            mExitThread = std::thread(&SDBusApp::runExits, this);
+        mExits.push(time);
+    } catch (const std::exception&) {
+        return false;
+    }
+    mStateChanged.notify_all();
+    return true;
+}
+
+/// The thread of the delayed exits.
+void SDBusApp::runExits()
+{
+    std::unique_lock lock(mStateMutex);
+    while (!mStopped) {
+        if (mExits.empty()) {
+            mStateChanged.wait(lock);
+        } else if (mExits.top() > steady_clock::now()) {
+            mStateChanged.wait_until(lock, tTime(mExits.top()));
+        } else {
+            mExits.pop();
+            lock.unlock();
+            appExit();
+            lock.lock();
+        }
     }
 }
 
-void SDBusApp::delayedExitExec(long long seconds)
+void SDBusApp::delayedExitExec(long long delay)
 {
-    std::unique_lock lock(mStateMutex);
-    if (seconds >= 1)
-        mStateChanged.wait_for(lock, std::chrono::seconds(seconds), [this] { return mStopped; });
-    lock.unlock();
+    if (delay >= 1) {
+        std::unique_lock lock(mStateMutex);
+        mStateChanged.wait_for(lock, seconds(std::min(delay, kMaxDelayS)), [this] { return mStopped; });
+    }
     appExit();
-    lock.lock();
-    --mDelayedExits;
-    mStateChanged.notify_all();
 }

@@ -14,17 +14,23 @@ public:
     SDBusLogoHandler& operator=(const SDBusLogoHandler&) = delete;
 
     /// Starts the logos and blocks until the logo handler says that they are finished, or until stop. Returns what it
-    /// said with it; false, with a line on standard error, when the logos cannot be started.
+    /// said with it; false, with a line on standard error, when the logos cannot be started, when the bus is lost and
+    /// when the logo handler leaves it.
     bool run();
 
-    /// Ends run within half a second, or with the bus call that it has under way; logos that were not started by then
-    /// are not started any more. From any thread.
+    /// Ends run within half a second; logos that were not started by then are not started any more. From any thread.
     void stop(bool result);
 
 private:
-    static int onFinished(sd_bus_message* message, void* self, sd_bus_error* error) noexcept;
+    static int onMessage(sd_bus_message* message, void* self, sd_bus_error* error) noexcept;
+    void onFinished(sd_bus_message* message);
+    void onOwnerChanged(sd_bus_message* message);
+    bool failed(const char* words, int result) const;
+    int addMatch(sd_bus* bus, const char* rule);
+    int start(sd_bus* bus);
     void waitFinished(sd_bus* bus);
 
     std::atomic<bool> mRunning = true;
     std::atomic<bool> mResult = false;
+    bool mHandlerLeft = false; ///< for the thread in run
 };

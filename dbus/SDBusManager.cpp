@@ -3,14 +3,16 @@
 #include "core/VorlanCfg.h"
 #include "dbus/SDBusClients.h"
 #include "dbus/SDBusManagerTable.h"
+#include "os/Log.h"
 
 #include <poll.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 
+#include <cerrno>
 #include <chrono>
-#include <cstdint>
-#include <cstdio>
+#include <mutex>
+#include <string_view>
 #include <system_error>
 
 namespace {
@@ -18,10 +20,12 @@ namespace {
 constexpr char kName[] = "com.kelvora.vorlan"; // and interface
 constexpr char kPath[] = "/com/kelvora/vorlan";
 constexpr std::uint64_t kTurnUs = 1'000'000;
+constexpr int kLastTurns = 100;            ///< of the loop after a stop
+constexpr std::uint64_t kMaxUnsent = 1000; ///< messages that a bus leaves waiting: it stands still
 
-void report(const char* words, int result)
+void report(std::string_view words, int result)
 {
-    std::fprintf(stderr, "SDBusManager: %s%s\n", words, std::generic_category().message(-result).c_str());
+    logErr({"SDBusManager: ", words, std::generic_category().message(-result)});
 }
 
 int drain(sd_event_source*, int fd, std::uint32_t, void*) noexcept
@@ -59,7 +63,7 @@ bool SDBusManager::initDBusConn()
     }
     sd_event_set_watchdog(event.get(), 1);
     BusPtr bus;
-    result = adopt(bus, [](sd_bus** b) { return sd_bus_open_user(b); });
+    result = openBus(BusE::eUser, bus);
     if (result < 0) {
         report("Failed to open dbus system session: ", result); // the user bus, whatever the line says
         return false;
@@ -69,7 +73,7 @@ bool SDBusManager::initDBusConn()
         report("Failed to register object: ", result);
         return false;
     }
-    result = sd_bus_request_name(bus.get(), kName, 0);
+    result = requestName(bus.get());
     if (result < 0) {
         report("Failed to register name dbus name: ", result);
         return false;
@@ -81,9 +85,30 @@ bool SDBusManager::initDBusConn()
     }
     sd_event_add_io(event.get(), nullptr, mWakeFd.get(), EPOLLIN, drain, nullptr);
     const std::lock_guard lock(mMutex);
-    mEvent = std::move(event);
     mBus = std::move(bus);
+    mEvent = std::move(event);
+    mGivenUp = false;
     return true;
+}
+
+/// Does not queue for a name that somebody else owns.
+int SDBusManager::requestName(sd_bus* bus)
+{
+    enum : std::uint32_t // as the D-Bus specification numbers them
+    {
+        eDoNotQueue = 4,
+        ePrimaryOwner = 1
+    };
+    const MessagePtr call = newCall(bus, "org.freedesktop.DBus", "/org/freedesktop/DBus", "RequestName");
+    if (!call || sd_bus_message_append(call.get(), "su", kName, eDoNotQueue) < 0)
+        return -ENOMEM;
+    MessagePtr answer;
+    std::uint32_t owner = 0;
+    int result = callBus(
+        bus, call.get(), [this] { return isStopRequested(); }, &answer);
+    if (result >= 0)
+        result = sd_bus_message_read(answer.get(), "u", &owner);
+    return result >= 0 && owner != ePrimaryOwner ? -EEXIST : result;
 }
 
 void SDBusManager::Run()
@@ -94,7 +119,7 @@ void SDBusManager::Run()
         if (!isStopRequested())
             disconnect();
     }
-    std::fputs("SDBusManager: Stopping...\n", stderr);
+    logErr({"SDBusManager: Stopping..."});
     if (mEvent)
         sd_event_exit(mEvent.get(), 0);
     disconnect();
@@ -107,7 +132,7 @@ void SDBusManager::connect()
     while (!connected && !isStopRequested()) {
         connected = initDBusConn();
         // After every attempt, the one that succeeded too
-        std::fputs("SDBusManager: Failed init DBus...retrying..\n", stderr);
+        logErr({"SDBusManager: Failed init DBus...retrying.."});
         pauseOneSecond();
     }
 }
@@ -134,15 +159,19 @@ void SDBusManager::pauseOneSecond()
     }
 }
 
+/// What was asked before a stop is answered, as far as it has come in.
 void SDBusManager::serve()
 {
-    while (!isStopRequested() && runOnce()) {
-    }
+    bool open = true;
+    while (open && !isStopRequested())
+        open = runOnce(kTurnUs);
+    for (int turns = 0; open && turns < kLastTurns; ++turns)
+        open = runOnce(0);
 }
 
-/// One turn of the loop. The connection is free for the emitters while the loop waits.
-/// False when the loop or the connection has come to its end.
-bool SDBusManager::runOnce()
+/// One turn of the loop. The connection is free for the emitters while the loop waits, and those that wait for it go
+/// before the loop. False when the loop or the connection has come to its end, or when there is nothing to do at once.
+bool SDBusManager::runOnce(std::uint64_t waitUs)
 {
     std::unique_lock lock(mMutex);
     sd_event* event = mEvent.get();
@@ -151,30 +180,56 @@ bool SDBusManager::runOnce()
     int result = sd_event_prepare(event);
     if (result == 0) {
         lock.unlock();
-        result = sd_event_wait(event, kTurnUs);
+        result = sd_event_wait(event, waitUs);
         lock.lock();
     }
-    if (result > 0 && !isStopRequested())
+    const bool idle = result == 0 && waitUs == 0;
+    if (result > 0) {
+        mDispatcher = std::this_thread::get_id();
         result = sd_event_dispatch(event);
-    return result >= 0 && sd_bus_is_open(mBus.get()) > 0;
+        mDispatcher = std::thread::id();
+    }
+    return result >= 0 && !idle && !mGivenUp && sd_bus_is_open(mBus.get()) > 0;
+}
+
+template <typename Emit>
+void SDBusManager::emitOn(Emit emit)
+{
+    const std::lock_guard lock(mMutex);
+    if (!mBus || mGivenUp)
+        return;
+    emit(mBus.get());
+    std::uint64_t unsent = 0;
+    mGivenUp = sd_bus_get_n_queued_write(mBus.get(), &unsent) >= 0 && unsent > kMaxUnsent;
+    wake();
 }
 
 void SDBusManager::emitPropChange(const std::string& name)
 {
-    const std::lock_guard lock(mMutex);
-    if (!mBus)
-        return;
-    sd_bus_emit_properties_changed(mBus.get(), kPath, kName, name.c_str(), nullptr);
-    wake();
+    emitOn([&](sd_bus* bus) { sd_bus_emit_properties_changed(bus, kPath, kName, name.c_str(), nullptr); });
 }
 
 void SDBusManager::emitSignal(const char* member)
 {
-    const std::lock_guard lock(mMutex);
-    if (!mBus || isStopRequested()) // what seems to have changed may be the default of a stopped client
+    emitOn([&](sd_bus* bus) { sd_bus_emit_signal(bus, kPath, kName, member, nullptr); });
+}
+
+/// Announces a property that is asked for. The bus library would ask while it holds the connection, so that comes
+/// first.
+void SDBusManager::emitAsked(const char* name, bool (SDBusManager::*ask)())
+{
+    bool connected = false;
+    emitOn([&](sd_bus*) { connected = true; });
+    if (!connected)
         return;
-    sd_bus_emit_signal(mBus.get(), kPath, kName, member, nullptr);
-    wake();
+    try {
+        const bool value = (this->*ask)();
+        emitOn([&](sd_bus* bus) {
+            sd_bus_emit_signal(bus, kPath, "org.freedesktop.DBus.Properties", "PropertiesChanged", "sa{sv}as", kName, 1,
+                               name, "b", int{value}, 0);
+        });
+    } catch (const BusStopped&) { // it has no value any more
+    }
 }
 
 void SDBusManager::emitQVIpAddr()
@@ -199,12 +254,12 @@ void SDBusManager::emitStatusTxt()
 
 void SDBusManager::emitShowQVStatus()
 {
-    emitPropChange("ShowQVStatus");
+    emitAsked("ShowQVStatus", &SDBusManager::getShowQVStatus);
 }
 
 void SDBusManager::emitShowLogos()
 {
-    emitPropChange("ShowLogos");
+    emitAsked("ShowLogos", &SDBusManager::getShowLogos);
 }
 
 void SDBusManager::emitOrientationChanged()

@@ -34,24 +34,25 @@ int getIpAddrQV(SDBusManager&, sd_bus_message* reply)
 template <auto Getter>
 int getBool(SDBusManager& service, sd_bus_message* reply)
 {
-    return sd_bus_message_append(reply, "b", int{(service.*Getter)()});
+    const bool value = service.whileOthersMayEmit([&] { return (service.*Getter)(); });
+    return sd_bus_message_append(reply, "b", int{value});
 }
 
 template <auto Getter>
 int getInt(SDBusManager& service, sd_bus_message* reply)
 {
-    return sd_bus_message_append(reply, "i", (service.*Getter)());
+    const int value = service.whileOthersMayEmit([&] { return (service.*Getter)(); });
+    return sd_bus_message_append(reply, "i", value);
 }
 
-/// Runs a getter for the bus library.
+/// Runs a getter for the bus library. What cannot be asked any more has no value: better none than a wrong one.
 template <auto Getter>
 int property(sd_bus*, const char*, const char*, const char*, sd_bus_message* reply, void* self, sd_bus_error*) noexcept
 {
     try {
-        auto& service = *static_cast<SDBusManager*>(self);
-        const int result = Getter(service, reply);
-        // After a stop the system daemon's client gives defaults without asking: better no value than a wrong one.
-        return service.isStopRequested() ? -ECANCELED : result;
+        return Getter(*static_cast<SDBusManager*>(self), reply);
+    } catch (const BusStopped&) {
+        return -ECANCELED;
     } catch (const std::exception&) {
         return -ENOMEM;
     }
@@ -61,10 +62,10 @@ int callShowQMX(sd_bus_message* message, void* self, sd_bus_error* error) noexce
 {
     try {
         auto& service = *static_cast<SDBusManager*>(self);
-        service.showQMX();
-        if (service.isStopRequested()) // its later steps may have been left out
-            return -ECANCELED;
+        service.whileOthersMayEmit([&] { service.showQMX(); });
         return sd_bus_reply_method_return(message, nullptr);
+    } catch (const BusStopped&) { // its later steps are left out
+        return -ECANCELED;
     } catch (const std::exception& e) {
         return sd_bus_error_set(error, SD_BUS_ERROR_FAILED, e.what());
     }

@@ -1,12 +1,10 @@
 #include "dbus/SDBusSysD.h"
 
-#include <algorithm>
-#include <cerrno>
-#include <cstdio>
-#include <type_traits>
-#include <utility>
+#include "os/Log.h"
 
-using std::chrono::microseconds;
+#include <cerrno>
+#include <type_traits>
+
 using std::chrono::steady_clock;
 
 namespace {
@@ -18,9 +16,8 @@ constexpr char kPath[] = "/com/kelvora/sysdaemon";
 constexpr char kSysD[] = "SDBusSysD";
 constexpr char kSysDCtrl[] = "SysDDBusCtrl";
 
-constexpr std::chrono::seconds kSlow{1};
-constexpr std::uint64_t kHurryUs = 50'000;
-constexpr std::uint64_t kForeverUs = 365 * 24 * 3600 * 1'000'000ULL; ///< longer time-outs would overflow the clock
+constexpr std::chrono::seconds kRetry{1};
+constexpr unsigned int kMaxUnanswered = 64; ///< a bus keeps a place for each, and a usual one has 128 for a connection
 
 } // namespace
 
@@ -32,25 +29,15 @@ struct SDBusSysD::tCall
     const char* failure;           ///< says that the call failed, or that its answer could not be read
     std::string_view subject = ""; ///< what the failure's words end in: a parameter's number, a key
 
-    void log(const char* words, std::string_view what = "") const
-    {
-        // at once, however long: formatted output goes out in pieces of a few kilobytes
-        std::string line(prefix);
-        line.append(": ").append(words).append(what).append("\n");
-        std::fputs(line.c_str(), stderr);
-    }
+    void log(std::string_view words, std::string_view what = "") const { logErr({prefix, ": ", words, what}); }
     void logFailure() const { log(failure, subject); }
 };
 
 SDBusSysD::SDBusSysD()
+    : mOpened(steady_clock::now())
 {
-    if (openBus() < 0)
-        std::fputs("SDBusSysD: failed to open DBus\n", stderr);
-}
-
-int SDBusSysD::openBus()
-{
-    return adopt(mBus, [](sd_bus** bus) { return sd_bus_open_system(bus); });
+    if (openBus(BusE::eSystem, mBus) < 0)
+        logErr({"SDBusSysD: failed to open DBus"});
 }
 
 void SDBusSysD::stop()
@@ -58,72 +45,56 @@ void SDBusSysD::stop()
     mStopped = true;
 }
 
-void SDBusSysD::hurryAfter(const std::atomic<bool>& running)
+void SDBusSysD::openOnlyWhile(const std::atomic<bool>& running)
 {
     mRunning = &running;
 }
 
-MessagePtr SDBusSysD::newCall(const char* member)
+/// The beginning of each operation, with mMutex held.
+void SDBusSysD::renewBus()
 {
-    MessagePtr message;
-    if (mBus)
-        adopt(message, [&](sd_bus_message** m) {
-            return sd_bus_message_new_method_call(mBus.get(), m, kDestination, kPath, kDestination, member);
-        });
-    return message;
+    if (mStopped)
+        throw BusStopped();
+    if (isOfUse() || steady_clock::now() - mOpened < kRetry)
+        return;
+    mOpened = steady_clock::now();
+    if (openBus(BusE::eSystem, mBus) >= 0)
+        mUnanswered = 0;
+}
+
+/// Nobody reads between two calls: what came meanwhile tells whether the bus is still there, and whether somebody
+/// floods it.
+bool SDBusSysD::isOfUse()
+{
+    return mBus && readStrays(mBus.get()) && mUnanswered < kMaxUnanswered;
+}
+
+MessagePtr SDBusSysD::newSysDCall(const char* member)
+{
+    return newCall(mBus.get(), kDestination, kPath, member);
 }
 
 /// Waits for the answer even when the caller has no use for it.
-int SDBusSysD::callAndWait(sd_bus_message* message, MessagePtr* reply)
+int SDBusSysD::callAndWait(sd_bus_message* call, MessagePtr* answer)
 {
-    if (message == nullptr)
-        return -EINVAL;
-    std::uint64_t timeOut = kHurryUs;
-    if (!mHurry)
-        sd_bus_get_method_call_timeout(mBus.get(), &timeOut);
-    timeOut = std::min(timeOut, kForeverUs);
-    const auto began = steady_clock::now();
-    MessagePtr answer;
-    std::uint64_t cookie = 0;
-    int result = 0;
-    do
-        result =
-            adopt(answer, [&](sd_bus_message** m) { return sd_bus_call(mBus.get(), message, timeOut, nullptr, m); });
-    while (result == -EINTR && sd_bus_message_get_cookie(message, &cookie) < 0); // not even sent
-    if (result == -EINTR)
-        result = awaitAnswer(cookie, began + microseconds(timeOut), answer);
-    if (mRunning != nullptr && !*mRunning && steady_clock::now() - began > kSlow)
-        mHurry = true;
-    if (reply != nullptr)
-        *reply = std::move(answer);
-    // Nobody else reads from this connection: answers that came too late and signals would pile up in its queue.
-    std::uint64_t strays = 0;
-    while (sd_bus_get_n_queued_read(mBus.get(), &strays) >= 0 && strays > 0) {
-        if (sd_bus_process(mBus.get(), nullptr) <= 0)
-            break;
-    }
+    tIsStopped isStopped;
+    if (mRunning != nullptr && mBus && sd_bus_is_ready(mBus.get()) <= 0)
+        isStopped = [this] { return !*mRunning && sd_bus_is_ready(mBus.get()) <= 0; };
+    const int result = callBus(mBus.get(), call, isStopped, answer);
+    if (result == -ETIMEDOUT || result == -ECANCELED)
+        onUnanswered();
+    if (result == -ECANCELED)
+        throw BusStopped();
     return result;
 }
 
-/// sd_bus_call gives up on its answer when a signal comes; this goes on waiting, for as long as the call may take.
-int SDBusSysD::awaitAnswer(std::uint64_t cookie, steady_clock::time_point end, MessagePtr& answer)
+/// What the bus has not taken yet must not reach the system daemon when nobody expects it any more.
+void SDBusSysD::onUnanswered()
 {
-    for (;;) {
-        int result = adopt(answer, [&](sd_bus_message** m) { return sd_bus_process(mBus.get(), m); });
-        std::uint64_t answered = 0;
-        if (answer && sd_bus_message_get_reply_cookie(answer.get(), &answered) >= 0 && answered == cookie) {
-            if (sd_bus_message_is_method_error(answer.get(), nullptr) <= 0)
-                return 0;
-            answer.reset();
-            return -EIO;
-        }
-        if (result == 0) {
-            const auto left = std::chrono::ceil<microseconds>(end - steady_clock::now()).count();
-            result = left > 0 ? sd_bus_wait(mBus.get(), static_cast<std::uint64_t>(left)) : -ETIMEDOUT;
-        }
-        if (result < 0 && result != -EINTR)
-            return result;
-    }
+    ++mUnanswered;
+    std::uint64_t unsent = 0;
+    if (sd_bus_is_ready(mBus.get()) <= 0 || sd_bus_get_n_queued_write(mBus.get(), &unsent) < 0 || unsent > 0)
+        sd_bus_close(mBus.get());
 }
 
 /// The create and append steps. A message that could not be filled is dropped: half of it on the bus would make the
@@ -131,7 +102,7 @@ int SDBusSysD::awaitAnswer(std::uint64_t cookie, steady_clock::time_point end, M
 template <typename... Args>
 MessagePtr SDBusSysD::prepare(const tCall& call, const char* signature, Args... args)
 {
-    MessagePtr message = newCall(call.member);
+    MessagePtr message = newSysDCall(call.member);
     if (!message)
         call.log("Failed to create dbus message");
     if constexpr (sizeof...(Args) > 0) {
@@ -147,10 +118,9 @@ template <typename... Args>
 void SDBusSysD::invoke(const tCall& call, const char* signature, Args... args)
 {
     const std::lock_guard lock(mMutex);
-    if (mStopped)
-        return;
+    renewBus();
     const MessagePtr message = prepare(call, signature, args...);
-    if (callAndWait(message.get(), nullptr) < 0)
+    if (callAndWait(message.get()) < 0)
         call.logFailure();
 }
 
@@ -160,8 +130,7 @@ template <typename T, typename... Args>
 void SDBusSysD::fetch(const tCall& call, char type, T& value, const char* signature, Args... args)
 {
     const std::lock_guard lock(mMutex);
-    if (mStopped)
-        return;
+    renewBus();
     const MessagePtr message = prepare(call, signature, args...);
     MessagePtr reply;
     if (callAndWait(message.get(), &reply) < 0)
@@ -185,15 +154,22 @@ void SDBusSysD::methodNoParam(const char* member)
 bool SDBusSysD::sysDaemonReady()
 {
     const std::lock_guard lock(mMutex);
-    // Asked while the device boots: the bus may be later than we are, or may have dropped us.
-    if (!mBus || sd_bus_is_open(mBus.get()) <= 0)
-        openBus();
-    BusError error;
-    int ready = 0;
-    return mBus &&
-           sd_bus_get_property_trivial(mBus.get(), kDestination, kPath, kDestination, "Ready", error.get(), 'b',
-                                       &ready) >= 0 &&
-           ready != 0;
+    try {
+        renewBus();
+        MessagePtr call;
+        if (mBus)
+            adopt(call, [&](sd_bus_message** m) {
+                return sd_bus_message_new_method_call(mBus.get(), m, kDestination, kPath,
+                                                      "org.freedesktop.DBus.Properties", "Get");
+            });
+        MessagePtr answer;
+        int ready = 0;
+        return call && sd_bus_message_append(call.get(), "ss", kDestination, "Ready") >= 0 &&
+               callAndWait(call.get(), &answer) >= 0 && sd_bus_message_read(answer.get(), "v", "b", &ready) > 0 &&
+               ready != 0;
+    } catch (const BusStopped&) {
+        return false;
+    }
 }
 
 void SDBusSysD::setTime(unsigned long long unixTime)

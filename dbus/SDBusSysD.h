@@ -1,36 +1,35 @@
 #pragma once
 
-#include "dbus/Handles.h"
+#include "dbus/Bus.h"
+#include "dbus/FairMutex.h"
 #include "dbus/NetConf.h"
 #include "dbus/ParamE.h"
 
 #include <atomic>
 #include <chrono>
-#include <cstdint>
-#include <mutex>
 #include <string>
 #include <string_view>
 
 /// The client of the system daemon: each operation is one blocking call on the system bus, one at a time for the
-/// whole process, and nothing is cached. Called by the link controller's thread, the service thread and the logo
-/// thread. No failure is thrown: each step of a call that fails writes its line to standard error, and getters return
-/// false, 0 or an empty text.
+/// whole process, in the order in which they come, and nothing is cached. Called by the link controller's thread, the
+/// service thread and the logo thread. No failure is thrown: each step of a call that fails writes its line to standard
+/// error, and getters return false, 0 or an empty text. A connection that is lost or of no more use is replaced by the
+/// next call, at most once a second.
 class SDBusSysD
 {
 public:
-    /// Opens the system bus. Without one every operation fails with its lines; only sysDaemonReady tries again.
+    /// Opens the system bus.
     SDBusSysD();
     virtual ~SDBusSysD() = default;
 
-    /// No call begins after this one: operations return at once, silently, as if they had failed. At most the call
-    /// that another thread has under way still runs.
+    /// No call begins after this one: operations throw BusStopped. What another thread has under way is finished.
     void stop();
 
-    /// A stop waits for one slow answer, not for each that a request asks for: once running is false and a call has
-    /// taken more than a second, each later one gets 50 ms. To be called before any operation; running outlives this.
-    void hurryAfter(const std::atomic<bool>& running);
+    /// A bus that has not answered yet is not waited for once `running` is false: operations throw BusStopped then. No
+    /// other call is cut short. To be called before any operation; `running` outlives this.
+    void openOnlyWhile(const std::atomic<bool>& running);
 
-    /// The system daemon answers and says that it is ready.
+    /// The system daemon answers and says that it is ready. Throws nothing.
     bool sysDaemonReady();
 
     void setTime(unsigned long long unixTime);
@@ -78,14 +77,16 @@ private:
     MessagePtr prepare(const tCall& call, const char* signature, Args... args);
     void methodNoParam(const char* member);
 
-    int openBus();
-    MessagePtr newCall(const char* member);
-    int callAndWait(sd_bus_message* message, MessagePtr* reply);
-    int awaitAnswer(std::uint64_t cookie, std::chrono::steady_clock::time_point end, MessagePtr& answer);
+    MessagePtr newSysDCall(const char* member);
+    int callAndWait(sd_bus_message* call, MessagePtr* answer = nullptr);
+    void onUnanswered();
+    void renewBus();
+    bool isOfUse();
 
-    BusPtr mBus; ///< null when opening failed; used under mMutex
-    std::mutex mMutex;
-    const std::atomic<bool>* mRunning = nullptr; ///< false when the daemon is to stop; null: nobody says so
-    bool mHurry = false;                         ///< guarded by mMutex
-    std::atomic<bool> mStopped = false;          ///< set without waiting for mMutex, looked at with it held
+    BusPtr mBus;                                   ///< null until the bus could be opened once; used under mMutex
+    FairMutex mMutex;                              ///< held for a whole operation
+    unsigned int mUnanswered = 0;                  ///< calls of this connection; guarded by mMutex, as the next
+    std::chrono::steady_clock::time_point mOpened; ///< or tried to
+    const std::atomic<bool>* mRunning = nullptr;   ///< false when the daemon is to stop; null: nobody says so
+    std::atomic<bool> mStopped = false;            ///< set without waiting for mMutex, looked at with it held
 };

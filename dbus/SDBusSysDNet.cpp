@@ -1,6 +1,7 @@
 #include "dbus/SDBusSysD.h"
+#include "os/Log.h"
 
-#include <cstdio>
+#include <string_view>
 #include <variant>
 #include <vector>
 
@@ -40,10 +41,9 @@ std::vector<tEntry> entriesOf(const NetConf& conf)
     return entries;
 }
 
-void log(const char* words, const char* what = "")
+void log(std::string_view words, std::string_view what = "")
 {
-    const std::string line = std::string("SysDDBusCtrl: ") + words + what + "\n";
-    std::fputs(line.c_str(), stderr); // at once, however long
+    logErr({"SysDDBusCtrl: ", words, what});
 }
 
 /// False, with a line, at the first step that fails.
@@ -77,9 +77,8 @@ void SDBusSysD::configureNetIf(const std::string& interface, const NetConf& conf
 {
     constexpr char kCallFailed[] = "Failed to call configureNetIf";
     const std::lock_guard lock(mMutex);
-    if (mStopped)
-        return;
-    const MessagePtr message = newCall("ConfigureNetIf");
+    renewBus();
+    const MessagePtr message = newSysDCall("ConfigureNetIf");
     if (!message)
         return log("Failed to create dbus message");
     if (sd_bus_message_append(message.get(), "s", interface.c_str()) < 0)
@@ -94,6 +93,6 @@ void SDBusSysD::configureNetIf(const std::string& interface, const NetConf& conf
         log("Failed to close SD_BUS_TYPE_ARRAY container");
         return log(kCallFailed);
     }
-    if (callAndWait(message.get(), nullptr) < 0)
+    if (callAndWait(message.get()) < 0)
         log(kCallFailed);
 }

@@ -1,9 +1,9 @@
 #include "core/Vorlan.h"
-#include "dbus/Handles.h"
 #include "dbus/SDBusSysD.h"
+#include "dbus/SystemdManager.h"
+#include "os/Log.h"
 
 #include <cstdint>
-#include <cstdio>
 
 namespace {
 
@@ -56,14 +56,7 @@ bool Vorlan::appTriggeredUpdate(tBytes& data)
 
 void Vorlan::startAutoUpdate()
 {
-    std::puts("Vorlan::startAutoUpdate");
-    BusPtr bus;
-    if (adopt(bus, [](sd_bus** b) { return sd_bus_open_user(b); }) < 0) {
-        std::fputs("Vorlan::startAutoUpdate: Failed to open dbus\n", stderr);
-        return;
-    }
-    BusError error;
-    sd_bus_call_method(bus.get(), "org.freedesktop.systemd1", "/org/freedesktop/systemd1",
-                       "org.freedesktop.systemd1.Manager", "StartUnit", error.get(), nullptr, "ss",
-                       "autoupdated.service", "replace");
+    logOut({"Vorlan::startAutoUpdate"});
+    if (!startUnit("autoupdated.service", [] { return !sRunning; }))
+        logErr({"Vorlan::startAutoUpdate: Failed to open dbus"});
 }

@@ -17,7 +17,8 @@ constexpr std::size_t kWordWrite = 6; ///< length of a request that writes 32 bi
 
 bool Vorlan::writeReg(tBytes& request)
 {
-    static constexpr bool (Vorlan::*kWriters[])(const tBytes&) = {
+    const auto cfg = VorlanCfg::cfg();
+    static constexpr bool (Vorlan::*kWriters[])(const tBytes&, VorlanCfg&) = {
         &Vorlan::writeQVProtVersion, &Vorlan::writeQVStatus, &Vorlan::writeQVIpAddr,     &Vorlan::writeQVText1,
         &Vorlan::writeQVText2,       &Vorlan::writeTimeZone, &Vorlan::writeTimeZoneFlag,
     };
@@ -27,48 +28,46 @@ bool Vorlan::writeReg(tBytes& request)
         logErr({"Vorlan: unknown address for register write detected: ", std::to_string(address)});
         return false;
     }
-    return (this->*kWriters[address])(request);
+    return (this->*kWriters[address])(request, *cfg);
 }
 
 /// Logs first: a request of the wrong length is logged too.
-bool Vorlan::writeQVProtVersion(const tBytes& request)
+bool Vorlan::writeQVProtVersion(const tBytes& request, VorlanCfg& cfg)
 {
     const unsigned char version = request.size() > 2 ? request[2] : 0;
     logOut({"Vorlan: writeReg eRegWrQVProtVersion ", std::to_string(version)});
     if (request.size() != kByteWrite)
         return false;
-    VorlanCfg::cfg()->QVProtVersion = version;
+    cfg.QVProtVersion = version;
     return true;
 }
 
-bool Vorlan::writeQVStatus(const tBytes& request)
+bool Vorlan::writeQVStatus(const tBytes& request, VorlanCfg& cfg)
 {
     if (request.size() != kByteWrite)
         return false;
-    const auto cfg = VorlanCfg::cfg();
     const unsigned char status = request[2];
-    if (status == cfg->StatusQV)
+    if (status == cfg.StatusQV)
         return true;
     if (status == wire::kStatusRunning && !mQVStatusRunning) {
         mQVStatusRunning = true;
         tryApplyCfg();
     }
-    cfg->StatusQV = status;
+    cfg.StatusQV = status;
     mpService->emitQVStatus();
     return true;
 }
 
-bool Vorlan::writeQVIpAddr(const tBytes& request)
+bool Vorlan::writeQVIpAddr(const tBytes& request, VorlanCfg& cfg)
 {
     std::string address;
     if (parseString(request, 2, address) == 0)
         return false;
-    const auto cfg = VorlanCfg::cfg();
-    if (address == "0.0.0.0" || address == cfg->IpAddrQV.get())
+    if (address == "0.0.0.0" || address == cfg.IpAddrQV.get())
         return true;
     {
         const std::lock_guard lock(mQVAddrMutex);
-        cfg->IpAddrQV.set(address);
+        cfg.IpAddrQV.set(address);
     }
     mpSysD->setParamString(eParamQVIpAddr, address);
     mpService->emitQVIpAddr();
@@ -79,25 +78,25 @@ bool Vorlan::writeQVIpAddr(const tBytes& request)
     return true;
 }
 
-bool Vorlan::writeQVText1(const tBytes& request)
+bool Vorlan::writeQVText1(const tBytes& request, VorlanCfg& cfg)
 {
     std::string text;
     if (parseString(request, 2, text) == 0)
         return false;
-    VorlanCfg::cfg()->QVText1 = std::move(text);
+    cfg.QVText1 = std::move(text);
     return true;
 }
 
-bool Vorlan::writeQVText2(const tBytes& request)
+bool Vorlan::writeQVText2(const tBytes& request, VorlanCfg& cfg)
 {
     std::string text;
     if (parseString(request, 2, text) == 0)
         return false;
-    VorlanCfg::cfg()->QVText2 = std::move(text);
+    cfg.QVText2 = std::move(text);
     return true;
 }
 
-bool Vorlan::writeTimeZone(const tBytes& request)
+bool Vorlan::writeTimeZone(const tBytes& request, VorlanCfg&)
 {
     if (request.size() != kWordWrite)
         return false;
@@ -107,7 +106,7 @@ bool Vorlan::writeTimeZone(const tBytes& request)
     return true;
 }
 
-bool Vorlan::writeTimeZoneFlag(const tBytes& request)
+bool Vorlan::writeTimeZoneFlag(const tBytes& request, VorlanCfg&)
 {
     if (request.size() != kByteWrite)
         return false;

@@ -33,27 +33,46 @@ void Vorlan::tryApplyCfg()
         mStartupDone = true;
         if (!mIsHypervisorSys)
             mpSysD->configureNet();
-        mpLogoHandler = std::make_unique<SDBusLogoHandler>();
-        mLogoThread = std::thread(&Vorlan::startLogoHandler, this);
+        startLogos();
         mpService->emitShowQVStatus();
         if (mCheckAutoUpdate && mpSysD->getCfgInt("UpdateTrigger") == kAutoUpdateOnStart)
             startAutoUpdate();
+        if (!mLogoThread.joinable())
+            afterLogos();
     } else if (mLogosFinished) {
         applyCfg();
+    }
+}
+
+/// Without a thread to be had there are no logos.
+void Vorlan::startLogos()
+{
+    mpLogoHandler = std::make_unique<SDBusLogoHandler>();
+    try {
+        mLogoThread = std::thread(&Vorlan::startLogoHandler, this);
+    } catch (const std::system_error&) {
     }
 }
 
 /// The logo thread.
 void Vorlan::startLogoHandler()
 {
-    mpService->emitShowLogos();
-    if (mStopping)
-        return;
-    logOut({"Vorlan::startLogoHandler"});
-    mpLogoHandler->run();
-    if (mStopping)
-        return;
-    logOut({"Vorlan::startLogoHandler: finished"});
+    try {
+        mpService->emitShowLogos();
+        if (mStopping)
+            return;
+        logOut({"Vorlan::startLogoHandler"});
+        mpLogoHandler->run();
+        if (mStopping)
+            return;
+        logOut({"Vorlan::startLogoHandler: finished"});
+        afterLogos();
+    } catch (const BusStopped&) { // of the settings nothing more is read, so nothing more is written
+    }
+}
+
+void Vorlan::afterLogos()
+{
     mLogosFinished = true;
     mpService->sendLogosFinished();
     applyCfg();

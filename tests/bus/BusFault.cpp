@@ -24,7 +24,6 @@ struct tFault
 
 std::mutex sMutex;
 tFault sFault;
-thread_local std::uint64_t tTimeOut = 0;
 
 void* imageOf(const void* address)
 {
@@ -81,11 +80,6 @@ std::size_t BusFault::failed() const
     return sFault.failed;
 }
 
-std::uint64_t timeOutOfLastCall()
-{
-    return tTimeOut;
-}
-
 // The functions that can be failed. Each takes the place of the library's one for the whole executable.
 
 extern "C" {
@@ -122,21 +116,6 @@ int sd_bus_message_close_container(sd_bus_message* message)
     static auto* const real = realOne<decltype(sd_bus_message_close_container)>(__func__);
     const int fault = faultOf(__func__, __builtin_return_address(0));
     return fault < 0 ? fault : real(message);
-}
-
-int sd_bus_call(sd_bus* bus, sd_bus_message* message, uint64_t timeOut, sd_bus_error* error, sd_bus_message** reply)
-{
-    static auto* const real = realOne<decltype(sd_bus_call)>(__func__);
-    tTimeOut = timeOut;
-    const int fault = faultOf(__func__, __builtin_return_address(0));
-    return fault < 0 ? fault : real(bus, message, timeOut, error, reply);
-}
-
-int sd_bus_add_match(sd_bus* bus, sd_bus_slot** slot, const char* match, sd_bus_message_handler_t callback, void* data)
-{
-    static auto* const real = realOne<decltype(sd_bus_add_match)>(__func__);
-    const int fault = faultOf(__func__, __builtin_return_address(0));
-    return fault < 0 ? fault : real(bus, slot, match, callback, data);
 }
 
 int sd_event_default(sd_event** event)

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstddef>
-#include <cstdint>
 #include <string>
 #include <thread>
 
@@ -28,6 +27,3 @@ public:
     /// How many calls have failed.
     std::size_t failed() const;
 };
-
-/// What this thread's last sd_bus_call was given to wait, in microseconds.
-std::uint64_t timeOutOfLastCall();

@@ -54,7 +54,7 @@ TEST_F(SDBusClientsTest, stopStopsBoth)
 {
     const auto clients = SDBusClients::clients();
     clients->stop();
-    clients->mSysD->saveConfig();
+    EXPECT_THROW(clients->mSysD->saveConfig(), BusStopped);
     clients->mApp->appExit();
     clients->mApp->delayedExit(0);
     EXPECT_THAT(calls(), IsEmpty());

@@ -1,5 +1,6 @@
 // The object on the bus: its table, its properties, its signals, its method.
 
+#include "dbus/SDBusClients.h"
 #include "dbus/SDBusManagerTable.h"
 #include "tests/bus/Introspection.h"
 #include "tests/bus/SDBusManagerTest.h"
@@ -233,16 +234,31 @@ TEST_F(SDBusManagerObjectTest, unknownMembersAreRefused)
     EXPECT_EQ(mDevice.desktop().call(kInterface, "NoSuchMethod").errorName, "org.freedesktop.DBus.Error.UnknownMethod");
 }
 
-TEST_F(SDBusManagerObjectTest, aReadThatTheStopCutsShortGivesNoWrongValue)
+// ---- Reads at a stop
+
+TEST_F(SDBusManagerObjectTest, AReadThatWasAskedBeforeTheStopIsAnsweredWithItsValue)
 {
     startService();
-    mDevice.sysd().setBehaviour("GetParamInt", tBehaviour::delayed(milliseconds{200}));
+    mDevice.sysd().setBehaviour("GetParamInt", tBehaviour::held());
     const std::size_t from = mark();
     auto reading = std::async(std::launch::async, [this] { return mDevice.desktop().property("GifDelayMS"); });
     ASSERT_TRUE(mDevice.timeline().waitFor(sim::match::call("GetParamInt"), from));
     mService.requestStop();
+    SDBusClients::clients()->stop();
+    mDevice.sysd().release();
     const auto result = reading.get();
-    EXPECT_FALSE(result.ok) << result.value;
+    EXPECT_TRUE(result.ok) << result.errorName;
+    EXPECT_EQ(result.value, "40");
+}
+
+TEST_F(SDBusManagerObjectTest, AReadThatCannotBeAskedAnyMoreIsRefusedAndHasNoDefault)
+{
+    startService();
+    SDBusClients::clients()->stop();
+    for (const char* name : {"ShowLogos", "GifOffsetX", "GifOffsetY", "GifDelayMS", "ShowQVStatus"})
+        EXPECT_FALSE(mDevice.desktop().property(name).ok) << name;
+    EXPECT_EQ(read("StatusQV"), "0"); // needs nobody
+    EXPECT_FALSE(mDevice.desktop().showQmx().ok);
 }
 
 // ---- Texts that QV may send

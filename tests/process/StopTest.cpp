@@ -379,26 +379,25 @@ TEST_F(Stop, doesNotSpoilTheCallUnderWay)
     EXPECT_EQ(mRig.daemon().err(), std::string(kRetrying) + kStopping);
 }
 
-/// A request that makes many calls of a system daemon which has fallen silent.
-TEST_F(Stop, waitsForOneSlowAnswerOfARequestNotForEach)
+/// A request that makes many calls of a system daemon which has become slow.
+TEST_F(Stop, FinishesTheRequestInHandAsOnAnyOtherDay)
 {
     mRig.device().sysd().setCfg("IsHypervisorSys", true);
     serveWithService(mRig);
     ASSERT_EQ(mRig.ask(rig::call(wire::eMethodApplyConfig)), "02");
-    for (const char* member : {"SetParamString", "SetParamBool", "SetParamInt"})
-        mRig.device().sysd().setBehaviour(member, tBehaviour::silent());
+    mRig.device().sysd().setBehaviour("SetParamString", tBehaviour::delayed(milliseconds{1100}).times(1));
+    mRig.device().sysd().setBehaviour("SetParamInt", tBehaviour::delayed(milliseconds{200}));
     const std::size_t from = mRig.timeline().mark();
     mRig.peer().sendFrame(mRig.peer().number(), rig::call(wire::eMethodSetNetworkCfg, text("eth0")));
     expectCall(mRig, call("SetParamString"));
     mRig.daemon().signal(SIGTERM);
-    expectEndWithin(milliseconds{7000}, "stop by SIGTERM: request with eleven unanswered calls under way",
-                    "its reply, a line for each call, status 0");
-    EXPECT_TRUE(mRig.timeline().waitFor(call("SaveConfig"), from)); // the last one
+    expectEndWithin(milliseconds{7000}, "stop by SIGTERM: request with slow calls under way",
+                    "each call made and answered, its reply, status 0");
     EXPECT_EQ(mRig.timeline().count(call("SetParamString"), from), 9U);
     EXPECT_EQ(mRig.timeline().count(call("SetParamBool"), from), 1U);
     EXPECT_EQ(mRig.timeline().count(call("SetParamInt"), from), 1U);
     EXPECT_EQ(mRig.timeline().count(call("SaveConfig"), from), 1U);
-    EXPECT_EQ(countOf(mRig.daemon().err(), "SDBusSysD: Failed to set param: "), 11U);
+    EXPECT_EQ(mRig.daemon().err(), std::string(kRetrying) + kStopping);
 }
 
 TEST_F(Stop, refusesTheDiagnosticsPageThatItCutsShort)
