@@ -4,17 +4,50 @@
 #include <fcntl.h>
 #include <getopt.h>
 #include <malloc.h>
+#include <poll.h>
 #include <sys/prctl.h>
+#include <sys/uio.h>
+#include <sysexits.h>
 #include <unistd.h>
 
 #include <csignal>
 #include <cstdlib>
+#include <cstring>
 #include <exception>
 #include <string>
 
 namespace {
 
 constexpr int kLargeBlock = 128 * 1024; ///< bytes; larger ones do not live in the heap
+constexpr int kReaderMs = 1000;         ///< that the reader of the last line gets
+
+/// In one write and without allocating: there may be no memory left. A reader that stands still does not hold it up.
+[[noreturn]] void endWith(const char* reason)
+{
+    pollfd reader{STDERR_FILENO, POLLOUT, 0};
+    if (poll(&reader, 1, kReaderMs) > 0) {
+        iovec line[] = {{}, {}, {}};
+        std::size_t count = 0;
+        for (const char* part : {"vorlan: ended by ", reason, "\n"})
+            line[count++] = {const_cast<char*>(part), std::strlen(part)};
+        [[maybe_unused]] const ssize_t written = writev(STDERR_FILENO, line, static_cast<int>(count));
+    }
+    _exit(EX_SOFTWARE);
+}
+
+/// An exception that nobody catches ends the daemon with a line and a status: an abort would tell nothing.
+[[noreturn]] void onTerminate()
+{
+    if (!std::current_exception())
+        endWith("std::terminate");
+    try {
+        throw;
+    } catch (const std::exception& e) {
+        endWith(e.what());
+    } catch (...) {
+        endWith("an exception without a text");
+    }
+}
 
 struct tOptions
 {
@@ -77,8 +110,10 @@ void fillStandardDescriptors()
 
 int main(int argc, char** argv)
 {
+    std::set_terminate(onTerminate);
     fillStandardDescriptors();
     std::signal(SIGPIPE, SIG_IGN);          // it does not matter whether anybody reads the log
+    std::signal(SIGXFSZ, SIG_IGN);          // nor how long the file has become that takes it
     prctl(PR_SET_TIMERSLACK, 1UL);          // ns: the settle pause of the line is short
     mallopt(M_MMAP_THRESHOLD, kLargeBlock); // fixed: a flood's buffers go back to the system, whatever came before
     logOut({"kelvora vorlan daemon started"});

@@ -2,11 +2,11 @@
 // the desktop: the first, the second, and so on to the last. Each round is a child process with the daemon's own code,
 // on a real pty and real private buses; its parent is QV and the desktop. A round must end in one of two ways:
 //   recovered   every request was answered rightly, and start-update ended it with status 0
-//   ended       the process ended by the exception of the allocation, or of the thread that could not be had, or by a
-//               check inside the bus library (which cannot close a connection whose object table it failed to add)
+//   ended       the exception of the allocation, or of the thread that could not be had, ended the process with the
+//               daemon's own line and status
 // A right reply carries the value of a daemon that lacks nothing, or the zero or empty text of a failed call. Nothing
 // may take effect on the buses more often than with a daemon that lacks nothing, nor, in a round that recovered, less
-// often without a line that says so. Anything else, a hang before all, fails.
+// often without a line that says so. Anything else fails: a hang before all, and an end by a signal.
 //
 //   alloc_failure [STEP [FIRST [WORKERS]]]    every STEP-th from FIRST on, each by default
 //
@@ -14,7 +14,6 @@
 // and a line of its own, share the rounds.
 
 #include "FailingAllocator.h"
-#include "core/Vorlan.h"
 #include "dbus/ParamE.h"
 #include "protocol/Wire.h"
 #include "qv/Peer.h"
@@ -25,6 +24,7 @@
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
+#include <sysexits.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -34,23 +34,23 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <exception>
 #include <fstream>
 #include <iterator>
 #include <map>
 #include <new>
 #include <optional>
 #include <string>
-#include <system_error>
 #include <thread>
 #include <vector>
+
+int vorlanMain(int argc, char** argv); // the daemon's main by another name
 
 namespace {
 
 using qv::Bytes;
 
-constexpr int kEndedByException = 42;
-constexpr unsigned int kBaud = 4000000;
+constexpr int kEndedByException = EX_SOFTWARE;
+constexpr char kLastLine[] = "vorlan: ended by ";
 constexpr std::chrono::seconds kPatience{20};
 constexpr std::chrono::seconds kLongEnough{3}; ///< to wait for what a failure may have cut off
 constexpr unsigned int kWorkers = 8;
@@ -164,35 +164,16 @@ struct tShared
     std::atomic<unsigned int> threads{0}; ///< rounds in which a thread failed
 };
 
-[[noreturn]] void onTerminate()
-{
-    try {
-        throw;
-    } catch (const std::bad_alloc&) {
-        _exit(kEndedByException);
-    } catch (const std::system_error&) {
-        _exit(kEndedByException); // a thread that could not be had
-    } catch (...) {
-        _exit(kEndedByException + 1);
-    }
-}
-
 /// The child: never returns.
 [[noreturn]] void beDaemon(const std::string& line, const std::string& log, allocator::tControl& control)
 {
     const int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
     dup2(fd, STDOUT_FILENO);
     dup2(fd, STDERR_FILENO);
-    std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
-    std::set_terminate(onTerminate);
+    std::string words[] = {"vorlan", "-s", line, "-b", "4000000"};
+    char* arguments[] = {words[0].data(), words[1].data(), words[2].data(), words[3].data(), words[4].data(), nullptr};
     allocator::arm(control);
-    {
-        Vorlan vorlan;
-        vorlan.init();
-        vorlan.setSerialCfg(line, kBaud);
-        vorlan.run();
-    }
-    _exit(0);
+    _exit(vorlanMain(5, arguments));
 }
 
 /// QV's end of the line, which ends with the daemon.
@@ -468,9 +449,7 @@ private:
         }
         if (WIFEXITED(*mStatus) && WEXITSTATUS(*mStatus) == 0)
             return EndE::eRecovered;
-        if (WIFEXITED(*mStatus) && WEXITSTATUS(*mStatus) == kEndedByException)
-            return EndE::eEnded;
-        if (WIFSIGNALED(*mStatus) && contains(log(), "failed at src/libsystemd/"))
+        if (WIFEXITED(*mStatus) && WEXITSTATUS(*mStatus) == kEndedByException && contains(log(), kLastLine))
             return EndE::eEnded;
         what += " ended with status " + std::to_string(*mStatus);
         return EndE::eWrong;

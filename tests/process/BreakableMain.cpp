@@ -7,6 +7,7 @@
 
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <fstream>
 #include <new>
@@ -23,12 +24,22 @@ public:
         : mOrder(std::move(order))
     {}
 
-    /// "init": the device that it is to open, as a failure.
+    /// "init": the device that it is to open, as a failure; "init-textless": something that is no std::exception.
     int init(tInitParams* params) override
     {
-        if (!ordered("init").empty())
+        const std::string order = ordered("init");
+        if (order == "init-textless")
+            throw 0;
+        if (!order.empty())
             throw SerialException(params->device);
         return SerialPhy::init(params);
+    }
+
+    bool isOpen() const override
+    {
+        if (mUncaught)
+            throw std::bad_alloc(); // here nobody expects it
+        return SerialPhy::isOpen();
     }
 
     int readBlocking(unsigned char* buf, unsigned int len, int timeoutMs) override
@@ -46,7 +57,8 @@ public:
     }
 
 private:
-    /// "read-unknown": no failure of the port; "read-serial": one that leaves it open; "read-closed": closed.
+    /// "read-unknown": no failure of the port; "read-serial": one that leaves it open; "read-closed": closed;
+    /// "read-uncaught": one whose handling fails in its turn.
     void breakAs(const std::string& where)
     {
         const std::string order = ordered(where);
@@ -56,6 +68,7 @@ private:
             throw std::bad_alloc();
         if (order == where + "-closed")
             close();
+        mUncaught = order == where + "-uncaught";
         throw SerialException("SerialPhy: broken by order");
     }
 
@@ -70,6 +83,7 @@ private:
     }
 
     const std::string mOrder;
+    std::atomic<bool> mUncaught = false;
 };
 
 } // namespace

@@ -1,5 +1,6 @@
 #include "tests/process/RigTest.h"
 
+#include <sysexits.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -146,6 +147,26 @@ TEST_F(Restart, aRateAloneMeansTheFirstSerialPort)
     mRig.start(options);
     EXPECT_EQ(mRig.daemon().waitExit(), exited(0));
     EXPECT_EQ(linesWithout(mRig.daemon().err(), "SDBusManager: "), "SManager: initBacked: /dev/ttyS0\n");
+}
+
+/// The supervisor begins it anew.
+TEST_F(Restart, doesNotFollowAnExceptionThatNobodyCatches)
+{
+    ASSERT_NO_FATAL_FAILURE(serve());
+    order("read-uncaught");
+    EXPECT_EQ(mRig.daemon().waitExit(), exited(EX_SOFTWARE));
+    EXPECT_EQ(mRig.daemon().out(), kStarted);
+    EXPECT_EQ(mRig.daemon().err(), std::string(kRetrying) + "vorlan: ended by std::bad_alloc\n");
+}
+
+TEST_F(Restart, doesNotFollowWhatIsNoExceptionOfTheStandardLibrary)
+{
+    order("init-textless");
+    sim::Daemon::tOptions options;
+    options.environment["VORLAN_BREAK"] = orderPath();
+    mRig.start(options);
+    EXPECT_EQ(mRig.daemon().waitExit(), exited(EX_SOFTWARE));
+    EXPECT_EQ(linesWithout(mRig.daemon().err(), "SDBusManager: "), "vorlan: ended by an exception without a text\n");
 }
 
 TEST_F(Restart, goesOnOnceASecondWhileTheDeviceIsMissing)
