@@ -5,7 +5,11 @@
 #include "tests/process/RigTest.h"
 #include "tests/support/ScriptedSerial.h"
 
+#include <sys/resource.h>
+#include <sysexits.h>
+
 #include <fstream>
+#include <optional>
 #include <string>
 
 namespace {
@@ -14,6 +18,7 @@ constexpr char kFailure[] = "a text that is too long to lie inside of its string
 
 using NetworkRecords = rig::RigTest;
 using testing::AnyOf;
+using testing::HasSubstr;
 
 /// What the process holds in memory, in KiB.
 std::size_t residentKiB(pid_t pid)
@@ -33,6 +38,28 @@ qv::Bytes networkRecord(const std::string& interface, std::size_t size)
     arguments.push_back(0);
     return rig::call(wire::eMethodSetNetworkCfg, arguments);
 }
+
+/// The daemon runs short of memory: it serves on, or it ends with its own line and status. A signal never ends it.
+class MemoryShort : public rig::RigTest
+{
+protected:
+    /// Whether it ended, and then whether it did so rightly.
+    bool hasEnded(rig::milliseconds within)
+    {
+        const std::optional<sim::tExit> exit = mRig.daemon().waitExit(within);
+        if (!exit)
+            return false;
+        EXPECT_EQ(exit, sim::exited(EX_SOFTWARE));
+        EXPECT_THAT(mRig.daemon().err(), HasSubstr("vorlan: ended by "));
+        return true;
+    }
+
+    void limitData(std::size_t bytes)
+    {
+        const rlimit limit{bytes, RLIM_INFINITY};
+        ASSERT_EQ(prlimit(mRig.daemon().pid(), RLIMIT_DATA, &limit, nullptr), 0);
+    }
+};
 
 /// Reads a frame that the port's failure cuts short, with the one allocation failing; returns how many there were.
 std::uint64_t readCutShort(ScriptedSerial& line, std::uint64_t failAt)
@@ -83,4 +110,20 @@ TEST_F(NetworkRecords, OfMoreThanFourKiBAreServedAndNotRemembered)
     EXPECT_EQ(kCount, mRig.timeline().count(sim::match::call("ConfigureNetIf"), mark));
     EXPECT_GT(before, 0U);
     EXPECT_LT(residentKiB(mRig.daemon().pid()), before + kCount * kSize / 1024 / 2);
+}
+
+TEST_F(MemoryShort, InARestartEndsNothingByASignal)
+{
+    constexpr std::size_t kFlood = 512 * 1024; // more than the heap has left; no delimiter in it
+    sim::Daemon::tOptions options;
+    options.arguments = {"-s", mRig.device().line().path(), "-b", "4000000"};
+    ASSERT_TRUE(mRig.serve(options));
+    limitData(4096); // 0 would be no limit at all
+    if (!mRig.pour(qv::Bytes(kFlood, 'A')) || !mRig.daemon().waitForOutput("Vorlan: Run: failed, restarting...\n")) {
+        EXPECT_TRUE(hasEnded(rig::kDeadline));
+        return;
+    }
+    if (!mRig.serves(rig::milliseconds(1500)))
+        limitData(RLIM_INFINITY);
+    EXPECT_TRUE(mRig.serves() || hasEnded({}));
 }
