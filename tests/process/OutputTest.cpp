@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <filesystem>
 
 namespace {
 
@@ -83,6 +84,16 @@ TEST_F(Output, mayBeAPipeThatNobodyReads)
     sim::Daemon::tOptions options;
     options.stdoutFd = closedPipe.get();
     expectWholeLife(options);
+    EXPECT_EQ(errOfMain(), kUnknownCmd);
+}
+
+TEST_F(Output, mayBeAFileThatHasReachedItsLimit)
+{
+    const std::string path = mRig.device().folder() + "/out";
+    sim::Daemon::tOptions options = withoutDescriptors(">" + path);
+    options.wrapper.insert(options.wrapper.begin(), {"prlimit", "--fsize=10"});
+    expectWholeLife(options);
+    EXPECT_EQ(std::filesystem::file_size(path), 10U);
     EXPECT_EQ(errOfMain(), kUnknownCmd);
 }
 
