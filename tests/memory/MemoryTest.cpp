@@ -127,3 +127,12 @@ TEST_F(MemoryShort, InARestartEndsNothingByASignal)
         limitData(RLIM_INFINITY);
     EXPECT_TRUE(mRig.serves() || hasEnded({}));
 }
+
+TEST_F(MemoryShort, BeforeTheVisualisationEndsNothingByASignal)
+{
+    ASSERT_TRUE(mRig.serve());
+    ASSERT_TRUE(mRig.tellConditions());
+    limitData(4096);
+    mRig.peer().sendFrame(mRig.peer().number(), rig::call(wire::eMethodApplyConfig)); // there may be no reply
+    EXPECT_TRUE(hasEnded(rig::milliseconds(2000)) || mRig.timeline().waitFor(sim::match::call("LoadConfig")));
+}
