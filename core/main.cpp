@@ -4,34 +4,23 @@
 #include <fcntl.h>
 #include <getopt.h>
 #include <malloc.h>
-#include <poll.h>
 #include <sys/prctl.h>
-#include <sys/uio.h>
 #include <sysexits.h>
 #include <unistd.h>
 
 #include <csignal>
 #include <cstdlib>
-#include <cstring>
 #include <exception>
 #include <string>
 
 namespace {
 
 constexpr int kLargeBlock = 128 * 1024; ///< bytes; larger ones do not live in the heap
-constexpr int kReaderMs = 1000;         ///< that the reader of the last line gets
 
-/// In one write and without allocating: there may be no memory left. A reader that stands still does not hold it up.
+/// Without allocating: there may be no memory left.
 [[noreturn]] void endWith(const char* reason)
 {
-    pollfd reader{STDERR_FILENO, POLLOUT, 0};
-    if (poll(&reader, 1, kReaderMs) > 0) {
-        iovec line[] = {{}, {}, {}};
-        std::size_t count = 0;
-        for (const char* part : {"vorlan: ended by ", reason, "\n"})
-            line[count++] = {const_cast<char*>(part), std::strlen(part)};
-        [[maybe_unused]] const ssize_t written = writev(STDERR_FILENO, line, static_cast<int>(count));
-    }
+    logErr({"vorlan: ended by ", reason});
     _exit(EX_SOFTWARE);
 }
 

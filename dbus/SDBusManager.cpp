@@ -23,6 +23,20 @@ constexpr std::uint64_t kTurnUs = 1'000'000;
 constexpr int kLastTurns = 100;            ///< of the loop after a stop
 constexpr std::uint64_t kMaxUnsent = 1000; ///< messages that a bus leaves waiting: it stands still
 
+/// The object's path and the paths above it, the deepest first.
+constexpr const char* kNodes[] = {kPath, "/com/kelvora", "/com", "/"};
+
+/// Where memory ends while the object is added, the library keeps the paths above it, and aborts when it closes the
+/// connection. A path is dropped with the last thing on it, or with the first that could not be put there.
+void dropNodes(sd_bus* bus)
+{
+    for (const char* path : kNodes) {
+        sd_bus_slot* slot = nullptr;
+        sd_bus_add_object_manager(bus, &slot, path);
+        sd_bus_slot_unref(slot);
+    }
+}
+
 void report(std::string_view words, int result)
 {
     logErr({"SDBusManager: ", words, std::generic_category().message(-result)});
@@ -70,6 +84,7 @@ bool SDBusManager::initDBusConn()
     }
     result = sd_bus_add_object_vtable(bus.get(), nullptr, kPath, kName, kVorlanTable, this);
     if (result < 0) {
+        dropNodes(bus.get());
         report("Failed to register object: ", result);
         return false;
     }

@@ -306,7 +306,8 @@ TEST_F(FaultOfAService, systemDaemonDoesNotAnswerWhetherItIsReady)
 
 TEST_F(FaultOfAService, logoHandlerRestartsWhileTheLogosRun)
 {
-    describe({"logo handler restarting while the logos run", "the visualisation starts, one line; the link is served", 5s});
+    describe(
+        {"logo handler restarting while the logos run", "the visualisation starts, one line; the link is served", 5s});
     sim::LogoHandler& logo = mRig.device().logo();
     logo.setDuration({});
     ASSERT_NO_FATAL_FAILURE(serveWithService());
