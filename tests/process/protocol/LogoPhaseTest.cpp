@@ -175,6 +175,7 @@ TEST_F(LogoPhaseTest, ALogoHandlerThatDoesNotAnswerIsLikeNone)
 TEST_F(LogoPhaseTest, ALogoHandlerThatLeavesEndsTheLogosAndTheVisualisationStarts)
 {
     bootToLogos();
+    beginSpan();
     logo().crash();
     prints("Vorlan::startLogoHandler: finished\n");
     complains("Failed to process bus: Owner died\n");
