@@ -12,29 +12,40 @@
 #include <cerrno>
 #include <chrono>
 #include <climits>
+#include <cstddef>
 #include <mutex>
 #include <new>
-#include <optional>
 #include <string>
 
 using std::chrono::steady_clock;
 
 namespace {
 
-constexpr std::chrono::milliseconds kPatience{1000};
+constexpr std::chrono::nanoseconds kPatience = std::chrono::seconds{1};
+constexpr int kRegain = 100; ///< of the time in which the reader keeps up such a part is patience regained
 
-/// What is left to be written of a line.
+/// What is left to be written of a text.
 class Pieces
 {
 public:
-    explicit Pieces(std::initializer_list<std::string_view> parts)
+    static Pieces ofLine(std::initializer_list<std::string_view> parts)
     {
+        Pieces out;
         for (const std::string_view part : parts)
-            add(part);
-        add("\n");
+            if (out.mCount < kMax - 1)
+                out.add(part);
+        out.add("\n");
+        return out;
     }
 
-    iovec* data() const { return const_cast<iovec*>(mPieces) + mFirst; }
+    static Pieces ofText(std::string_view text)
+    {
+        Pieces out;
+        out.add(text);
+        return out;
+    }
+
+    iovec* data() { return mPieces + mFirst; }
     int count() const { return mCount - mFirst; }
     bool empty() const { return mFirst == mCount; }
 
@@ -57,9 +68,18 @@ public:
         }
     }
 
+    void shortenTo(std::size_t size)
+    {
+        for (int i = mFirst; i < mCount; ++i) {
+            mPieces[i].iov_len = std::min(mPieces[i].iov_len, size);
+            size -= mPieces[i].iov_len;
+        }
+    }
+
     std::string text() const
     {
         std::string out;
+        out.reserve(size());
         for (int i = mFirst; i < mCount; ++i)
             out.append(static_cast<const char*>(mPieces[i].iov_base), mPieces[i].iov_len);
         return out;
@@ -70,7 +90,7 @@ private:
 
     void add(std::string_view part)
     {
-        if (!part.empty() && mCount < kMax)
+        if (!part.empty())
             mPieces[mCount++] = {const_cast<char*>(part.data()), part.size()};
     }
 
@@ -91,105 +111,114 @@ public:
         if (mOwnFd >= 0)
             close(mOwnFd);
         mOwnFd = -1;
-        mStalled = false;
-        mRest.reset();
+        mPatience = kPatience;
+        mLast = steady_clock::now();
+        mRest.clear();
         mDevice = file.st_dev;
         mInode = file.st_ino;
         mSocket = S_ISSOCK(file.st_mode);
         mMayBlock = S_ISFIFO(file.st_mode) || S_ISCHR(file.st_mode);
+        mSureRoom = S_ISFIFO(file.st_mode) ? PIPE_BUF : 1;
         // A standard descriptor shares its flags with other processes: not to block is asked of one of our own.
         if (mMayBlock)
             mOwnFd = ::open(fd == STDOUT_FILENO ? "/proc/self/fd/1" : "/proc/self/fd/2",
                             O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
     }
 
-    /// False when the line was dropped because the reader stands still.
+    /// False when the whole line was dropped.
     bool write(int fd, Pieces line)
     {
-        const auto end = steady_clock::now() + (mStalled ? std::chrono::milliseconds{0} : kPatience);
         const std::size_t size = line.size();
-        mStalled = !sendRest(fd, end) || !send(fd, line, end);
-        if (mStalled && line.size() < size)
+        if (sendRest(fd))
+            send(fd, line);
+        const auto now = steady_clock::now();
+        if (line.empty())
+            mPatience = std::min(mPatience + (now - mLast) / kRegain, kPatience);
+        else if (line.size() < size)
             keep(line);
-        return !mStalled || line.size() < size;
+        mLast = now;
+        return line.size() < size;
     }
 
 private:
-    /// Completes the line of which a part went out. False when the reader stands still.
-    bool sendRest(int fd, steady_clock::time_point end)
+    /// Completes the line of which a part went out. False while that cannot be done.
+    bool sendRest(int fd)
     {
-        if (!mRest)
-            return true;
-        Pieces rest({*mRest});
-        const bool sent = send(fd, rest, end);
-        if (sent)
-            mRest.reset();
-        else
-            keep(rest);
-        return sent;
+        Pieces rest = Pieces::ofText(mRest);
+        send(fd, rest);
+        mRest.erase(0, mRest.size() - rest.size());
+        if (!mRest.empty())
+            return false;
+        mRest.shrink_to_fit();
+        return true;
     }
 
     void keep(const Pieces& line)
     {
         try {
-            std::string text = line.text();
-            text.pop_back(); // each line is given its newline when it is sent
-            mRest = std::move(text);
+            mRest = line.text();
         } catch (const std::bad_alloc&) {
-            mRest.emplace();
+            mRest = "\n"; // the line is cut, and ends all the same
         }
     }
 
-    /// False when the reader stands still; what cannot be written for another reason counts as written.
-    bool send(int fd, Pieces& line, steady_clock::time_point end)
+    /// Up to its end, or until the reader was waited for in vain or the output is found broken.
+    void send(int fd, Pieces& line)
     {
         while (!line.empty()) {
             const ssize_t written = put(fd, line);
-            if (written >= 0)
+            if (written > 0)
                 line.advance(static_cast<std::size_t>(written));
-            else if (errno == EAGAIN && !waitForReader(fd, end))
-                return false;
-            else if (errno != EAGAIN && errno != EINTR)
-                return true;
+            else if (written == 0 || (errno != EINTR && (errno != EAGAIN || !waitForReader(fd))))
+                return;
         }
-        return true;
     }
 
     /// Never blocks; EAGAIN when the reader has left no room.
-    ssize_t put(int fd, const Pieces& line) const
+    ssize_t put(int fd, Pieces line) const
     {
-        msghdr message{};
-        message.msg_iov = line.data();
-        message.msg_iovlen = static_cast<std::size_t>(line.count());
-        if (mSocket)
+        if (mSocket) {
+            msghdr message{};
+            message.msg_iov = line.data();
+            message.msg_iovlen = static_cast<std::size_t>(line.count());
             return sendmsg(fd, &message, MSG_DONTWAIT | MSG_NOSIGNAL);
-        if (!mMayBlock || mOwnFd >= 0)
-            return writev(mOwnFd >= 0 ? mOwnFd : fd, line.data(), line.count());
-        // Not ours to open: where there is room at all, there is room for so much.
-        pollfd output{fd, POLLOUT, 0};
-        if (poll(&output, 1, 0) == 0) {
-            errno = EAGAIN;
-            return -1;
         }
-        return ::write(fd, line.data()->iov_base, std::min<std::size_t>(line.data()->iov_len, PIPE_BUF));
+        if (mOwnFd >= 0 || !mMayBlock)
+            return writev(mOwnFd >= 0 ? mOwnFd : fd, line.data(), line.count());
+        // Not ours to open, a pipe of another user for instance: where there is room at all, there is room for so much.
+        pollfd output{fd, POLLOUT, 0};
+        const int ready = poll(&output, 1, 0);
+        if (ready == 0)
+            errno = EAGAIN;
+        if (ready <= 0)
+            return -1;
+        line.shortenTo(mSureRoom);
+        return writev(fd, line.data(), line.count());
     }
 
-    static bool waitForReader(int fd, steady_clock::time_point end)
+    /// False when all patience is used up.
+    bool waitForReader(int fd)
     {
-        const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - steady_clock::now()).count();
+        if (mPatience.count() <= 0)
+            return false;
+        const auto start = steady_clock::now();
+        const auto seconds = std::chrono::floor<std::chrono::seconds>(mPatience);
+        const timespec left{seconds.count(), (mPatience - seconds).count()};
         pollfd output{fd, POLLOUT, 0};
-        if (left > 0)
-            poll(&output, 1, static_cast<int>(left));
-        return left > 0;
+        ppoll(&output, 1, &left, nullptr);
+        mPatience = std::max(mPatience - (steady_clock::now() - start), std::chrono::nanoseconds{0});
+        return true;
     }
 
     dev_t mDevice = 0;
     ino_t mInode = 0;
     bool mSocket = false;
     bool mMayBlock = false;
-    int mOwnFd = -1;                  ///< the same output with O_NONBLOCK; -1: none
-    bool mStalled = false;            ///< the last line waited in vain: the next ones do not wait
-    std::optional<std::string> mRest; ///< of a line of which a part went out, without its newline
+    std::size_t mSureRoom = 0;             ///< bytes for which there is room when there is any
+    int mOwnFd = -1;                       ///< the same output with O_NONBLOCK; -1: none
+    std::chrono::nanoseconds mPatience{0}; ///< the reader may be waited for so long
+    steady_clock::time_point mLast;        ///< of the last line, taken or dropped
+    std::string mRest;                     ///< of a line of which a part went out, with its newline
 };
 
 std::mutex sMutex;
@@ -198,7 +227,9 @@ std::atomic<std::uint64_t> sDropped = 0;
 /// To be called with sMutex held.
 Sink* sinkOf(int fd)
 {
-    static auto* const sinks = new Sink[2]; // never destroyed: a thread may write its last line late at the exit
+    // never destroyed: a thread may write its last line late at the exit
+    alignas(Sink) static std::byte memory[2 * sizeof(Sink)];
+    static auto* const sinks = new (memory) Sink[2];
     struct stat file
     {};
     if (fstat(fd, &file) != 0)
@@ -215,7 +246,7 @@ void log(int fd, std::initializer_list<std::string_view> parts)
 {
     const std::lock_guard lock(sMutex);
     Sink* sink = sinkOf(fd);
-    if (sink != nullptr && !sink->write(fd, Pieces(parts)))
+    if (sink == nullptr || !sink->write(fd, Pieces::ofLine(parts)))
         ++sDropped;
 }
 
