@@ -1,48 +1,27 @@
 #include "tests/bus/StderrCapture.h"
 
-#include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <array>
-#include <cstdint>
 #include <stdexcept>
-
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#include <sanitizer/common_interface_defs.h>
-#endif
 
 namespace {
 
 constexpr std::size_t kMaxWrite = 1 << 18;
 
-void reportsGoTo([[maybe_unused]] int fd)
-{
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-    __sanitizer_set_report_fd(reinterpret_cast<void*>(static_cast<std::intptr_t>(fd)));
-#endif
-}
-
 } // namespace
 
 StderrCapture::StderrCapture()
-    : mBefore(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3))
 {
     // a packet for each write
     std::array<int, 2> ends{};
-    if (!mBefore || socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends.data()) != 0)
+    if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends.data()) != 0)
         throw std::runtime_error("standard error cannot be captured");
     mRead.reset(ends[0]);
     const sim::UniqueFd write(ends[1]);
-    dup2(write.get(), STDERR_FILENO);
-    reportsGoTo(mBefore.get());
-}
-
-StderrCapture::~StderrCapture()
-{
-    dup2(mBefore.get(), STDERR_FILENO);
-    reportsGoTo(STDERR_FILENO);
+    mStream.emplace(STDERR_FILENO, write.get());
 }
 
 void StderrCapture::drain()

@@ -2,7 +2,9 @@
 
 #include "sim/Handles.h"
 #include "sim/Timeline.h"
+#include "tests/support/StandardStream.h"
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -14,7 +16,6 @@ public:
     StderrCapture();
     StderrCapture(const StderrCapture&) = delete;
     StderrCapture& operator=(const StderrCapture&) = delete;
-    ~StderrCapture();
 
     /// Everything so far, and since the last clear().
     std::string text();
@@ -27,8 +28,8 @@ public:
 private:
     void drain();
 
-    sim::UniqueFd mBefore;
     sim::UniqueFd mRead;
+    std::optional<StandardStream> mStream;
     std::vector<std::string> mWrites;
 };
 
