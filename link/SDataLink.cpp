@@ -18,11 +18,24 @@ std::uint8_t following(unsigned int sequence)
 
 } // namespace
 
+constexpr SDataLink::tCrcTable SDataLink::initCrcTable()
+{
+    constexpr unsigned int kPolynomial = 0x1021;
+    tCrcTable table{};
+    for (unsigned int i = 0; i < table.size(); ++i) {
+        unsigned int crc = i << 8U;
+        for (int bit = 0; bit < 8; ++bit)
+            crc = (crc & 0x8000U) != 0 ? (crc << 1U) ^ kPolynomial : crc << 1U;
+        table[i] = static_cast<std::uint16_t>(crc & 0xFFFFU);
+    }
+    return table;
+}
+
+constexpr SDataLink::tCrcTable SDataLink::smCrcTable = initCrcTable();
+
 SDataLink::SDataLink()
     : mpFrame(std::make_unique<SFrame>())
-{
-    initCrcTable();
-}
+{}
 
 SDataLink::~SDataLink()
 {
@@ -140,22 +153,11 @@ void SDataLink::sendResetFrame()
     reply(std::make_unique<tBytes>(1, static_cast<unsigned char>(0)));
 }
 
-void SDataLink::initCrcTable()
-{
-    constexpr unsigned int kPolynomial = 0x1021;
-    for (unsigned int i = 0; i < mCrcTable.size(); ++i) {
-        unsigned int crc = i << 8U;
-        for (int bit = 0; bit < 8; ++bit)
-            crc = (crc & 0x8000U) != 0 ? (crc << 1U) ^ kPolynomial : crc << 1U;
-        mCrcTable[i] = static_cast<std::uint16_t>(crc & 0xFFFFU);
-    }
-}
-
 unsigned int SDataLink::calcCrc16(const tBytes* data) const
 {
     unsigned int crc = 0xFFFF;
     for (const unsigned char byte : *data)
-        crc = mCrcTable[(crc >> 8U) ^ byte] ^ ((crc << 8U) & 0xFFFFU);
+        crc = smCrcTable[(crc >> 8U) ^ byte] ^ ((crc << 8U) & 0xFFFFU);
     return crc;
 }
 

@@ -56,12 +56,16 @@ public:
     bool checkRecvCrc(tBytes& frame) const;
 
 private:
-    void initCrcTable();
+    using tCrcTable = std::array<std::uint16_t, 256>;
+
+    static constexpr tCrcTable initCrcTable();
     bool awaitFrame(tBytes& msg);
     int checkRecvFrame(tBytes& frame);
     int answerHandled(bool resend);
     void joinReply();
     void threadedReply(const tBytes* frame);
+
+    static const tCrcTable smCrcTable;
 
     std::unique_ptr<SFrame> mpFrame;
     pthread_t mReplyThread{};            ///< no std::thread: its state, freed there, would give each thread a heap
@@ -70,5 +74,4 @@ private:
     std::uint8_t mSequence = 0;          ///< of the last frame sent, or of the last reset frame received
     bool mSynchronised = false;
     bool mResetPending = false;
-    std::array<std::uint16_t, 256> mCrcTable{};
 };
