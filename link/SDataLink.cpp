@@ -39,7 +39,12 @@ SDataLink::SDataLink()
 
 SDataLink::~SDataLink()
 {
-    joinReply();
+    if (!mHasReplyThread)
+        return;
+    mWritten.wait();
+    mEnding = true;
+    mGiven.post();
+    pthread_join(mReplyThread, nullptr);
 }
 
 bool SDataLink::init()
@@ -118,27 +123,42 @@ void SDataLink::reply(std::unique_ptr<tBytes> payload)
 
 void SDataLink::reply(bool resend, std::unique_ptr<tBytes> frame)
 {
-    joinReply();
-    if (!resend)
-        mpLastReply = std::move(frame);
-    if (!mpLastReply) {
+    if (!(resend ? mpLastReply : frame)) {
         sendResetFrame();
         return;
     }
-    const auto entry = [](void* self) -> void* {
-        auto* link = static_cast<SDataLink*>(self);
-        link->threadedReply(link->mpLastReply.get());
-        return nullptr;
-    };
-    mReplying = pthread_create(&mReplyThread, nullptr, entry, this) == 0;
-    if (!mReplying)
-        threadedReply(mpLastReply.get()); // no thread to be had: the reply is worth the wait
+    mWritten.wait();
+    if (!resend)
+        mpLastReply.swap(frame);
+    if (hasReplyThread())
+        mGiven.post();
+    else
+        writeLastReply(); // no thread to be had: the reply is worth the wait
 }
 
-void SDataLink::joinReply()
+/// Tries to have one: made for the first reply, or for a later one when none could be had before.
+bool SDataLink::hasReplyThread()
 {
-    if (std::exchange(mReplying, false))
-        pthread_join(mReplyThread, nullptr);
+    const auto entry = [](void* self) -> void* {
+        static_cast<SDataLink*>(self)->writeReplies();
+        return nullptr;
+    };
+    if (!mHasReplyThread)
+        mHasReplyThread = pthread_create(&mReplyThread, nullptr, entry, this) == 0;
+    return mHasReplyThread;
+}
+
+/// The reply thread.
+void SDataLink::writeReplies()
+{
+    for (mGiven.wait(); !mEnding; mGiven.wait())
+        writeLastReply();
+}
+
+void SDataLink::writeLastReply()
+{
+    threadedReply(mpLastReply.get());
+    mWritten.post();
 }
 
 void SDataLink::threadedReply(const tBytes* frame)
