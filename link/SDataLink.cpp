@@ -33,8 +33,9 @@ constexpr SDataLink::tCrcTable SDataLink::initCrcTable()
 
 constexpr SDataLink::tCrcTable SDataLink::smCrcTable = initCrcTable();
 
-SDataLink::SDataLink()
-    : mpFrame(std::make_unique<SFrame>())
+SDataLink::SDataLink(std::function<void()> onIdle)
+    : mOnIdle(std::move(onIdle))
+    , mpFrame(std::make_unique<SFrame>())
 {}
 
 SDataLink::~SDataLink()
@@ -74,6 +75,8 @@ bool SDataLink::awaitFrame(tBytes& msg)
     while (!mpFrame->readSFrame(msg)) {
         if (mpFrame->isBroken())
             return false;
+        if (mOnIdle)
+            mOnIdle();
     }
     return true;
 }

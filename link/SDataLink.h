@@ -7,6 +7,7 @@
 
 #include <array>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <vector>
 
@@ -27,7 +28,9 @@ public:
         eReadHandled = 2
     };
 
-    SDataLink();
+    /// onIdle is called on the reading thread after each wait for a frame that ended without one: about once a second
+    /// while the line is silent.
+    explicit SDataLink(std::function<void()> onIdle = {});
     ~SDataLink(); ///< waits until the last reply is written or given up
     SDataLink(const SDataLink&) = delete;
     SDataLink& operator=(const SDataLink&) = delete;
@@ -71,6 +74,7 @@ private:
 
     static const tCrcTable smCrcTable;
 
+    const std::function<void()> mOnIdle;
     std::unique_ptr<SFrame> mpFrame;
     pthread_t mReplyThread{};            ///< no std::thread: its state, freed there, would give the thread a heap
     bool mHasReplyThread = false;        ///< mReplyThread is to be joined

@@ -673,6 +673,29 @@ TEST_F(SDataLinkRead, TriesAgainAfterATimeOut)
     expectAccepted(mRequest);
 }
 
+TEST_F(SDataLinkRead, TellsOfEachTimeOutOnTheReadingThread)
+{
+    std::vector<std::size_t> stepsLeft;
+    mpLink = std::make_unique<SDataLink>([&, reader = std::this_thread::get_id()] {
+        EXPECT_EQ(std::this_thread::get_id(), reader);
+        stepsLeft.push_back(mpLine->stepsLeft());
+    });
+    ASSERT_TRUE(mpLink->init());
+    const auto wire = qv::toWire(linkFrame(kReset, mRequest));
+    mpLine->timeOut();
+    mpLine->timeOut();
+    mpLine->deliver({wire.begin(), wire.begin() + 2});
+    mpLine->timeOut(); // in the middle of a frame
+    mpLine->deliver({wire.begin() + 2, wire.end()});
+    tBytes msg;
+    EXPECT_TRUE(mpLink->read(msg));
+    EXPECT_EQ(msg, mRequest);
+    EXPECT_EQ(stepsLeft, (std::vector<std::size_t>{4, 3, 1}));
+    mpLine->throwOnRead(std::runtime_error("gone"));
+    EXPECT_FALSE(mpLink->read(msg));
+    EXPECT_EQ(stepsLeft.size(), 3U) << "a link that is broken is not idle";
+}
+
 TEST_F(SDataLinkRead, TellsThatTheLinkIsBroken)
 {
     tBytes msg;
