@@ -2,6 +2,7 @@
 
 #include <dlfcn.h>
 #include <pthread.h>
+#include <semaphore.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -14,8 +15,13 @@
 namespace {
 
 thread_local bool sInline = false;
+thread_local int sBodies = 0;      ///< threads under way inside the call that started them
 constexpr pthread_t kFinished = 1; ///< no thread has this handle
 time_t sSkipped = 0;               ///< seconds that waits have not taken
+
+/// Thrown out of a thread that waits for what only its starter could give it.
+struct tEndless
+{};
 
 template <typename Function>
 Function next(Function sanitizers, const char* name)
@@ -41,6 +47,7 @@ __attribute__((weak)) int __interceptor_pthread_create(pthread_t*, const pthread
                                                        void*) noexcept;
 __attribute__((weak)) int __interceptor_pthread_join(pthread_t, void**);
 __attribute__((weak)) int __interceptor_pthread_detach(pthread_t) noexcept;
+__attribute__((weak)) int __interceptor_sem_wait(sem_t*);
 __attribute__((weak)) int __interceptor_pthread_cond_clockwait(pthread_cond_t*, pthread_mutex_t*, clockid_t,
                                                                const timespec*);
 
@@ -48,8 +55,24 @@ int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*
 {
     if (!sInline)
         return next(__interceptor_pthread_create, "pthread_create")(thread, attributes, body, argument);
-    body(argument);
-    *thread = kFinished;
+    ++sBodies;
+    int result = 0;
+    try {
+        body(argument);
+        *thread = kFinished;
+    } catch (const tEndless&) {
+        result = EAGAIN;
+    }
+    --sBodies;
+    return result;
+}
+
+int sem_wait(sem_t* semaphore)
+{
+    if (sBodies == 0)
+        return next(__interceptor_sem_wait, "sem_wait")(semaphore);
+    if (sem_trywait(semaphore) != 0)
+        throw tEndless();
     return 0;
 }
 

@@ -18,15 +18,34 @@ std::uint8_t following(unsigned int sequence)
 
 } // namespace
 
-SDataLink::SDataLink()
-    : mpFrame(std::make_unique<SFrame>())
+constexpr SDataLink::tCrcTable SDataLink::initCrcTable()
 {
-    initCrcTable();
+    constexpr unsigned int kPolynomial = 0x1021;
+    tCrcTable table{};
+    for (unsigned int i = 0; i < table.size(); ++i) {
+        unsigned int crc = i << 8U;
+        for (int bit = 0; bit < 8; ++bit)
+            crc = (crc & 0x8000U) != 0 ? (crc << 1U) ^ kPolynomial : crc << 1U;
+        table[i] = static_cast<std::uint16_t>(crc & 0xFFFFU);
+    }
+    return table;
 }
+
+constexpr SDataLink::tCrcTable SDataLink::smCrcTable = initCrcTable();
+
+SDataLink::SDataLink(std::function<void()> onIdle)
+    : mOnIdle(std::move(onIdle))
+    , mpFrame(std::make_unique<SFrame>())
+{}
 
 SDataLink::~SDataLink()
 {
-    joinReply();
+    if (!mHasReplyThread)
+        return;
+    mWritten.wait();
+    mEnding = true;
+    mGiven.post();
+    pthread_join(mReplyThread, nullptr);
 }
 
 bool SDataLink::init()
@@ -56,6 +75,8 @@ bool SDataLink::awaitFrame(tBytes& msg)
     while (!mpFrame->readSFrame(msg)) {
         if (mpFrame->isBroken())
             return false;
+        if (mOnIdle)
+            mOnIdle();
     }
     return true;
 }
@@ -105,27 +126,42 @@ void SDataLink::reply(std::unique_ptr<tBytes> payload)
 
 void SDataLink::reply(bool resend, std::unique_ptr<tBytes> frame)
 {
-    joinReply();
-    if (!resend)
-        mpLastReply = std::move(frame);
-    if (!mpLastReply) {
+    if (!(resend ? mpLastReply : frame)) {
         sendResetFrame();
         return;
     }
-    const auto entry = [](void* self) -> void* {
-        auto* link = static_cast<SDataLink*>(self);
-        link->threadedReply(link->mpLastReply.get());
-        return nullptr;
-    };
-    mReplying = pthread_create(&mReplyThread, nullptr, entry, this) == 0;
-    if (!mReplying)
-        threadedReply(mpLastReply.get()); // no thread to be had: the reply is worth the wait
+    mWritten.wait();
+    if (!resend)
+        mpLastReply.swap(frame);
+    if (hasReplyThread())
+        mGiven.post();
+    else
+        writeLastReply(); // no thread to be had: the reply is worth the wait
 }
 
-void SDataLink::joinReply()
+/// Tries to have one: made for the first reply, or for a later one when none could be had before.
+bool SDataLink::hasReplyThread()
 {
-    if (std::exchange(mReplying, false))
-        pthread_join(mReplyThread, nullptr);
+    const auto entry = [](void* self) -> void* {
+        static_cast<SDataLink*>(self)->writeReplies();
+        return nullptr;
+    };
+    if (!mHasReplyThread)
+        mHasReplyThread = pthread_create(&mReplyThread, nullptr, entry, this) == 0;
+    return mHasReplyThread;
+}
+
+/// The reply thread.
+void SDataLink::writeReplies()
+{
+    for (mGiven.wait(); !mEnding; mGiven.wait())
+        writeLastReply();
+}
+
+void SDataLink::writeLastReply()
+{
+    threadedReply(mpLastReply.get());
+    mWritten.post();
 }
 
 void SDataLink::threadedReply(const tBytes* frame)
@@ -140,22 +176,11 @@ void SDataLink::sendResetFrame()
     reply(std::make_unique<tBytes>(1, static_cast<unsigned char>(0)));
 }
 
-void SDataLink::initCrcTable()
-{
-    constexpr unsigned int kPolynomial = 0x1021;
-    for (unsigned int i = 0; i < mCrcTable.size(); ++i) {
-        unsigned int crc = i << 8U;
-        for (int bit = 0; bit < 8; ++bit)
-            crc = (crc & 0x8000U) != 0 ? (crc << 1U) ^ kPolynomial : crc << 1U;
-        mCrcTable[i] = static_cast<std::uint16_t>(crc & 0xFFFFU);
-    }
-}
-
 unsigned int SDataLink::calcCrc16(const tBytes* data) const
 {
     unsigned int crc = 0xFFFF;
     for (const unsigned char byte : *data)
-        crc = mCrcTable[(crc >> 8U) ^ byte] ^ ((crc << 8U) & 0xFFFFU);
+        crc = smCrcTable[(crc >> 8U) ^ byte] ^ ((crc << 8U) & 0xFFFFU);
     return crc;
 }
 

@@ -1,17 +1,20 @@
 #pragma once
 
 #include "link/SFrame.h"
+#include "os/Semaphore.h"
 
 #include <pthread.h>
 
 #include <array>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <vector>
 
 /// The layer between frames and messages: a header byte (bits 0 to 3 sequence number, bit 4 reset) in front of each
 /// message and a CRC-16/IBM-3740 behind it. Answers repeated requests from the stored last reply and broken frames by
-/// reset frames, and sends every reply from a thread of its own. Used by the link controller's thread only.
+/// reset frames, and sends the replies from a thread of its own, so that the next request can be read meanwhile. Used
+/// by the link controller's thread only.
 class SDataLink
 {
 public:
@@ -25,7 +28,9 @@ public:
         eReadHandled = 2
     };
 
-    SDataLink();
+    /// onIdle is called on the reading thread after each wait for a frame that ended without one: about once a second
+    /// while the line is silent.
+    explicit SDataLink(std::function<void()> onIdle = {});
     ~SDataLink(); ///< waits until the last reply is written or given up
     SDataLink(const SDataLink&) = delete;
     SDataLink& operator=(const SDataLink&) = delete;
@@ -56,19 +61,28 @@ public:
     bool checkRecvCrc(tBytes& frame) const;
 
 private:
-    void initCrcTable();
+    using tCrcTable = std::array<std::uint16_t, 256>;
+
+    static constexpr tCrcTable initCrcTable();
     bool awaitFrame(tBytes& msg);
     int checkRecvFrame(tBytes& frame);
     int answerHandled(bool resend);
-    void joinReply();
+    bool hasReplyThread();
+    void writeReplies();
+    void writeLastReply();
     void threadedReply(const tBytes* frame);
 
+    static const tCrcTable smCrcTable;
+
+    const std::function<void()> mOnIdle;
     std::unique_ptr<SFrame> mpFrame;
-    pthread_t mReplyThread{};            ///< no std::thread: its state, freed there, would give each thread a heap
-    bool mReplying = false;              ///< mReplyThread is to be joined
-    std::unique_ptr<tBytes> mpLastReply; ///< read by the reply thread, so replaced only after joining it
+    pthread_t mReplyThread{};            ///< no std::thread: its state, freed there, would give the thread a heap
+    bool mHasReplyThread = false;        ///< mReplyThread is to be joined
+    bool mEnding = false;                ///< what mGiven announces is the end
+    Semaphore mGiven{0};                 ///< the reply thread has a reply to write
+    Semaphore mWritten{1};               ///< no reply is being written
+    std::unique_ptr<tBytes> mpLastReply; ///< the reply thread's from mGiven to mWritten
     std::uint8_t mSequence = 0;          ///< of the last frame sent, or of the last reset frame received
     bool mSynchronised = false;
     bool mResetPending = false;
-    std::array<std::uint16_t, 256> mCrcTable{};
 };

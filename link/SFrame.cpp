@@ -93,9 +93,8 @@ bool SFrame::writeSFrame(const std::vector<unsigned char>* frame)
             longer.resize(size);
             wire = longer.data();
         }
-        std::fill_n(wire, size, kFiller);
+        std::fill(wire + encodeSFrame(frame, wire), wire + size - 1, kFiller);
         wire[size - 1] = kDelimiter;
-        encodeSFrame(frame, wire);
         return mpBackend->writeBlocking(wire, static_cast<unsigned int>(size), kTimeoutMs) >= static_cast<int>(size);
     } catch (...) {
         onFailure();

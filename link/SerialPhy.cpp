@@ -16,6 +16,7 @@
 #include <iterator>
 #include <limits>
 #include <system_error>
+#include <utility>
 
 namespace {
 
@@ -134,6 +135,7 @@ void SerialPhy::close()
         ::close(mFd);
     mFd = -1;
     mOpen = false;
+    mHungUp = false;
 }
 
 int SerialPhy::configurePort(unsigned int baud)
@@ -176,14 +178,27 @@ int SerialPhy::readBlocking(unsigned char* buf, unsigned int len, int timeoutMs)
         waitOut(start, timeoutMs); // the caller tries again at once
         throw error;
     }
-    if (ready == 0)
+    if (ready == 0) {
+        mHungUp = false;
         return 0;
+    }
     if (mReadSettleNs != 0)
         pauseNs(mReadSettleNs);
     const auto count = static_cast<int>(read(mFd, buf, len));
-    if (count <= 0 && (line.revents & (POLLHUP | POLLERR | POLLNVAL)) != 0)
+    const bool hungUp = count <= 0 && (line.revents & (POLLHUP | POLLERR | POLLNVAL)) != 0;
+    if (std::exchange(mHungUp, hungUp) && hungUp)
+        giveUp();
+    if (hungUp)
         waitOut(start, timeoutMs);
     return count;
+}
+
+/// The reply thread may be writing: the descriptor stays until init, which runs when that thread has ended. Closed here
+/// its number could be given to a bus connection, and the rest of a reply with it.
+void SerialPhy::giveUp()
+{
+    mOpen = false;
+    throw SerialException("SerialPhy::read: line hung up");
 }
 
 int SerialPhy::writeBlocking(const unsigned char* buf, unsigned int len, int timeoutMs)

@@ -21,7 +21,8 @@ public:
     int init(tInitParams* params) override;
 
     /// After the first byte it waits seven character times for more, so that one read takes a whole short frame.
-    /// A line that is hung up reads nothing for ever without waiting: then the time-out is waited out instead.
+    /// A line that is hung up reads nothing for ever without waiting: then the time-out is waited out instead. When the
+    /// next read finds the line still hung up, it closes the port and throws: only opening it anew can help.
     int readBlocking(unsigned char* buf, unsigned int len, int timeoutMs) override;
     int writeBlocking(const unsigned char* buf, unsigned int len, int timeoutMs) override;
     bool isOpen() const override { return mOpen; }
@@ -48,6 +49,8 @@ public:
     FlowControlE getFlowCtrl() const { return mFlowCtrl; }
 
 private:
+    [[noreturn]] void giveUp();
+
     std::string mName{"SerialPhy"};
     int mFd = -1;
     std::atomic<bool> mOpen = false; ///< asked by the reply thread too
@@ -57,4 +60,5 @@ private:
     StopBitsE mStopBits{};
     FlowControlE mFlowCtrl{};
     std::uint32_t mReadSettleNs = 0;
+    bool mHungUp = false; ///< the last read found the line so
 };

@@ -58,7 +58,7 @@ std::vector<std::string> Faults::help()
             "                          followed by *N: for the next N calls only",
             "SERVICE=...               the same for all its members, or absent | present | late:MS | crash",
             "logo.Finished=slow:MS | silent | error | wrong-type | normal",
-            "line=hangup | normal      normal: a new line, which the daemon opens when it is started anew",
+            "line=hangup | normal      normal: a new line, which the daemon opens within two seconds",
             "system-bus=absent | normal      user-bus=absent | normal",
             "SERVICE is sysd, idle, logo or systemd; for instance sysd.GetParamInt=error*2 or logo=absent"};
 }

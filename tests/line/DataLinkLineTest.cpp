@@ -109,6 +109,15 @@ protected:
         FAIL() << "no answer any more";
     }
 
+    /// Waits until so many requests were delivered.
+    bool serves(unsigned int requests) const
+    {
+        const auto deadline = std::chrono::steady_clock::now() + 10s;
+        while (mServed < requests && std::chrono::steady_clock::now() < deadline)
+            std::this_thread::sleep_for(1ms);
+        return mServed == requests;
+    }
+
     PtyLine line;
     SDataLink mLink;
     std::thread mDaemon;
@@ -191,6 +200,18 @@ TEST_F(DataLinkLine, RepeatsItsReplyWithoutServingTwice)
         ASSERT_EQ(receiveFrame(), wireReply(1, hex("02 09")));
     }
     EXPECT_EQ(mServed, 1U);
+}
+
+/// The reply to a large request fills the line; the next request is served all the same, and QV that reads again hears
+/// what is left.
+TEST_F(DataLinkLine, ServesTheNextRequestWhileTheLineTakesNothing)
+{
+    const tBytes payload(100'000, 0x44);
+    ASSERT_TRUE(line.send(wireFrame(kReset, payload)));
+    ASSERT_TRUE(serves(1));
+    ASSERT_TRUE(line.send(wireFrame(1, hex("02 09"))));
+    ASSERT_TRUE(serves(2));
+    expectServed();
 }
 
 TEST_F(DataLinkLine, ResetsAPeerThatIsOutOfStep)

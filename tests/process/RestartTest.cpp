@@ -187,6 +187,36 @@ TEST_F(Restart, goesOnOnceASecondWhileTheDeviceIsMissing)
     EXPECT_EQ(mRig.daemon().err(), kRetrying + repeated(kNoDevice, times - 1) + kStopping);
 }
 
+/// The read under way waits out its second; the next one finds the line still hung up and gives it up.
+TEST_F(Restart, followsAHangUpThatOutlastsARead)
+{
+    ASSERT_NO_FATAL_FAILURE(serve());
+    mRig.hangUp();
+    const auto from = Clock::now();
+    mRig.device().line().reopen();
+    mRig.connect();
+    EXPECT_TRUE(mRig.serves());
+    EXPECT_LE(Clock::now() - from, milliseconds{2000});
+    expectWholeLife(1);
+    EXPECT_EQ(mRig.daemon().err(), std::string(kRetrying) + kStopping);
+}
+
+TEST_F(Restart, goesOnOnceASecondWhileTheLineIsHungUp)
+{
+    ASSERT_NO_FATAL_FAILURE(serve());
+    mRig.hangUp();
+    ASSERT_TRUE(restarts(1));
+    const auto from = Clock::now();
+    ASSERT_TRUE(restarts(4));
+    EXPECT_GE(Clock::now() - from, milliseconds{2500}); // each has waited its second: no spinning loop
+    mRig.device().line().reopen();
+    mRig.connect();
+    EXPECT_TRUE(mRig.serves());
+    const std::size_t times = countOf(mRig.daemon().out(), kRestarting);
+    expectWholeLife(times);
+    EXPECT_EQ(mRig.daemon().err(), kRetrying + repeated(kNoDevice, times - 1) + kStopping);
+}
+
 /// The stop takes effect after a restart too: it is looked at after each pass.
 TEST_F(Restart, isTheEndAfterASignal)
 {

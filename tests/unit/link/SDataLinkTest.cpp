@@ -11,8 +11,10 @@
 #include "tests/support/Sleeper.h"
 
 #include <gtest/gtest.h>
-#include <pthread.h>
+#include <unistd.h>
 
+#include <csignal>
+#include <filesystem>
 #include <memory>
 #include <optional>
 #include <random>
@@ -107,6 +109,31 @@ protected:
     }
     void synchronise(unsigned int number = 0) { exchange(kReset | number, (number + 1) % 16); }
 
+    /// In step, at this number.
+    void expectReadWhileAReplyGoesOut(unsigned int number)
+    {
+        mpLine->holdWrites(); // QV does not read
+        send(number, mRequest);
+        expectAccepted(mRequest);
+        reply(mReply);
+        mpLine->awaitWritesBegun(mSent + 1);
+        send(number + 1, hex("00 07"));
+        expectAccepted(hex("00 07"));
+        EXPECT_EQ(mpLine->writesEnded(), mSent) << "the reply was still going out";
+    }
+
+    /// Of this process, but the test's own.
+    static std::vector<pid_t> otherThreads()
+    {
+        std::vector<pid_t> found;
+        for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task"))
+            if (const pid_t thread = std::stoi(entry.path().filename()); thread != gettid())
+                found.push_back(thread);
+        return found;
+    }
+    static std::size_t threads() { return otherThreads().size(); }
+
+    const std::size_t mThreads = threads();
     const tBytes mRequest = hex("02 09");
     const tBytes mReply = hex("02 09 01");
     ScriptedSerial* mpLine = new ScriptedSerial;
@@ -497,14 +524,7 @@ TEST_F(SDataLinkReply, TakesAnEmptyPayload)
 TEST_F(SDataLinkReply, DoesNotKeepTheNextReadWaiting)
 {
     synchronise();
-    mpLine->holdWrites(); // QV does not read
-    send(1, mRequest);
-    expectAccepted(mRequest);
-    reply(mReply);
-    mpLine->awaitWritesBegun(mSent + 1);
-    send(2, hex("00 07"));
-    expectAccepted(hex("00 07"));
-    EXPECT_EQ(mpLine->writesEnded(), mSent) << "the reply was still going out";
+    expectReadWhileAReplyGoesOut(1);
 }
 
 TEST_F(SDataLinkReply, WaitsForTheReplyBefore)
@@ -579,12 +599,60 @@ TEST_F(SDataLinkReply, BreaksTheLinkWhenThePortIsGone)
 
 TEST_F(SDataLinkReply, IsSentWithoutAThreadWhenNoneCanBeHad)
 {
-    synchronise();
     const NoMoreThreads guard;
     EXPECT_THROW(std::thread([] {}).join(), std::system_error);
+    synchronise();
     exchange(1, 2);
     send(1, mRequest);
     expectHandled(linkFrame(2, mReply));
+    EXPECT_EQ(threads(), mThreads);
+}
+
+TEST_F(SDataLinkReply, HasAThreadAsSoonAsOneCanBeHad)
+{
+    {
+        const NoMoreThreads guard;
+        synchronise();
+    }
+    exchange(1, 2);
+    EXPECT_EQ(threads(), mThreads + 1);
+    expectReadWhileAReplyGoesOut(2);
+}
+
+TEST_F(SDataLinkReply, HasOneThreadThatIsMadeForTheFirstAndEndsWithTheLink)
+{
+    send(kReset, mRequest);
+    expectAccepted(mRequest);
+    EXPECT_EQ(threads(), mThreads);
+    reply(mReply);
+    expectSent(linkFrame(1, mReply));
+    EXPECT_EQ(threads(), mThreads + 1);
+    for (unsigned int i = 1; i <= 100; ++i)
+        exchange(i % 16, (i + 1) % 16);
+    EXPECT_EQ(threads(), mThreads + 1);
+    mpLink.reset();
+    EXPECT_EQ(threads(), mThreads);
+}
+
+/// A signal wakes whoever waits, and there is nothing to write.
+TEST_F(SDataLinkReply, IsNotSentAgainWhenASignalWakesTheThread)
+{
+    struct sigaction action = {};
+    action.sa_handler = [](int) {};
+    struct sigaction before = {};
+    ASSERT_EQ(sigaction(SIGUSR2, &action, &before), 0);
+    synchronise();
+    for (int i = 0; i < 100; ++i)
+        for (const pid_t thread : otherThreads())
+            tgkill(getpid(), thread, SIGUSR2);
+    exchange(1, 2);
+    sigaction(SIGUSR2, &before, nullptr);
+}
+
+TEST_F(SDataLinkReply, LetsTheLinkGoThatNeverSentOne)
+{
+    mpLink.reset();
+    EXPECT_EQ(mpLine->awaitWritesBegun(0).size(), 0U);
 }
 
 // Reading
@@ -603,6 +671,29 @@ TEST_F(SDataLinkRead, TriesAgainAfterATimeOut)
     mpLine->timeOut();
     send(kReset, mRequest);
     expectAccepted(mRequest);
+}
+
+TEST_F(SDataLinkRead, TellsOfEachTimeOutOnTheReadingThread)
+{
+    std::vector<std::size_t> stepsLeft;
+    mpLink = std::make_unique<SDataLink>([&, reader = std::this_thread::get_id()] {
+        EXPECT_EQ(std::this_thread::get_id(), reader);
+        stepsLeft.push_back(mpLine->stepsLeft());
+    });
+    ASSERT_TRUE(mpLink->init());
+    const auto wire = qv::toWire(linkFrame(kReset, mRequest));
+    mpLine->timeOut();
+    mpLine->timeOut();
+    mpLine->deliver({wire.begin(), wire.begin() + 2});
+    mpLine->timeOut(); // in the middle of a frame
+    mpLine->deliver({wire.begin() + 2, wire.end()});
+    tBytes msg;
+    EXPECT_TRUE(mpLink->read(msg));
+    EXPECT_EQ(msg, mRequest);
+    EXPECT_EQ(stepsLeft, (std::vector<std::size_t>{4, 3, 1}));
+    mpLine->throwOnRead(std::runtime_error("gone"));
+    EXPECT_FALSE(mpLink->read(msg));
+    EXPECT_EQ(stepsLeft.size(), 3U) << "a link that is broken is not idle";
 }
 
 TEST_F(SDataLinkRead, TellsThatTheLinkIsBroken)

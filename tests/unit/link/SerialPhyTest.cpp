@@ -39,6 +39,19 @@ protected:
         return port.writeBlocking(reinterpret_cast<const unsigned char*>(text.data()),
                                   static_cast<unsigned int>(text.size()), timeoutMs);
     }
+    /// What the next read finds: a line that is hung up.
+    void hangUp(int sign, int result)
+    {
+        system.mPolls.push_back({1, 0, static_cast<short>(POLLIN | sign)});
+        system.mReads.push_back({result, EIO});
+    }
+    /// A line that one read has found hung up.
+    void hangUpOnce(int sign, int result)
+    {
+        open();
+        hangUp(sign, result);
+        EXPECT_EQ(read(), result);
+    }
     /// The calls since the last look.
     tCalls calls() { return std::exchange(system.mCalls, {}); }
 
@@ -484,14 +497,88 @@ TEST_F(SerialPhyRead, WaitsOutItsTimeOutOnALineThatHangsUp)
             open();
             calls();
             system.mSlept = 0s;
-            system.mPolls.push_back({1, 0, static_cast<short>(POLLIN | sign)});
-            system.mReads.push_back({result, EIO});
+            hangUp(sign, result);
             EXPECT_EQ(read(100'000), result);
             EXPECT_EQ(calls().size(), 4U) << "poll, settle pause, read, the rest of the time";
             EXPECT_GT(system.mSlept, 90s);
             EXPECT_LE(system.mSlept, 100s + 1ms);
         }
     }
+}
+
+TEST_F(SerialPhyRead, GivesUpALineThatTheNextReadFindsStillHungUp)
+{
+    for (const int sign : {POLLHUP, POLLERR, POLLNVAL}) {
+        for (const int result : {0, -1}) {
+            hangUpOnce(sign, result);
+            calls();
+            system.mSlept = 0s;
+            hangUp(sign, result);
+            EXPECT_EQ(failureOf([&] { read(100'000); }), "SerialPhy::read: line hung up");
+            EXPECT_FALSE(port.isOpen());
+            EXPECT_EQ(calls(), (tCalls{"poll in 100000", "sleep 607638 ns", "read 64"}));
+            EXPECT_EQ(failureOf([&] { read(); }), "SerialPhy::read: port not opened");
+            EXPECT_EQ(failureOf([&] { write("a"); }), "SerialPhy::write: port not opened");
+        }
+    }
+}
+
+/// The reply thread may be writing on it; init comes when that has ended.
+TEST_F(SerialPhyRead, LeavesTheDescriptorOfALineThatItGivesUpToInit)
+{
+    hangUpOnce(POLLHUP, 0);
+    hangUp(POLLHUP, 0);
+    failureOf([&] { read(); });
+    calls();
+    open();
+    EXPECT_EQ(calls(), (tCalls{"close", "open", "tcgetattr", "tcsetattr"}));
+    EXPECT_TRUE(port.isOpen());
+}
+
+TEST_F(SerialPhyRead, GivesTheDescriptorOfALineThatItGaveUpBackEvenIfTheDeviceIsAway)
+{
+    hangUpOnce(POLLHUP, 0);
+    hangUp(POLLHUP, 0);
+    failureOf([&] { read(); });
+    calls();
+    system.mOpenError = ENOENT;
+    for (int i = 0; i < 2; ++i)
+        EXPECT_EQ(failureOf([&] { open(); }), "SerialPhy::open: failed: No such file or directory");
+    EXPECT_EQ(calls(), (tCalls{"close", "open", "open"}));
+}
+
+TEST_F(SerialPhyRead, ForgetsAHangUpThatIsOverByTheNextRead)
+{
+    struct tRead
+    {
+        const char* what;
+        SystemScript::tAnswer poll;
+        SystemScript::tAnswer read;
+    };
+    const tRead kReads[] = {{"silence", {0}, {0}},
+                            {"bytes", {1, 0, POLLIN}, {2, 0, 0, "ab"}},
+                            {"the last bytes", {1, 0, POLLIN | POLLHUP}, {2, 0, 0, "ab"}},
+                            {"nothing on a line that is up", {1, 0, POLLIN}, {0}}};
+    for (const auto& between : kReads) {
+        SCOPED_TRACE(between.what);
+        hangUpOnce(POLLHUP, 0);
+        system.mPolls.push_back(between.poll);
+        if (between.poll.result > 0)
+            system.mReads.push_back(between.read);
+        EXPECT_EQ(read(), between.read.result);
+        hangUp(POLLHUP, 0);
+        EXPECT_EQ(read(), 0) << "a hang-up of its own";
+        EXPECT_TRUE(port.isOpen());
+    }
+}
+
+TEST_F(SerialPhyRead, BeginsAfreshWithAFreshLine)
+{
+    hangUpOnce(POLLHUP, 0);
+    open();
+    hangUp(POLLHUP, 0);
+    EXPECT_EQ(read(), 0);
+    EXPECT_TRUE(port.isOpen());
 }
 
 TEST_F(SerialPhyRead, TakesTheLastBytesOfALineThatHangsUpWithoutWaiting)
