@@ -45,12 +45,17 @@ Vorlan::~Vorlan()
 
 void Vorlan::init()
 {
-    mpDataLink = std::make_unique<SDataLink>();
+    mpDataLink = newDataLink();
     mpService = std::make_unique<SDBusManager>();
     mpNetConfs = std::make_unique<std::map<std::string, NetConf>>();
     mpApp = SDBusClients::clients()->mApp;
     mpSysD = SDBusClients::clients()->mSysD;
     mpSysD->openOnlyWhile(sRunning);
+}
+
+std::unique_ptr<SDataLink> Vorlan::newDataLink()
+{
+    return std::make_unique<SDataLink>([this] { startService(); });
 }
 
 void Vorlan::setSerialCfg(const std::string& device, unsigned int baud)
@@ -137,7 +142,7 @@ void Vorlan::serveOne(SManager& mgr)
     }
     logOut({"Vorlan: Run: failed, restarting..."});
     mpDataLink.reset();
-    mpDataLink = std::make_unique<SDataLink>();
+    mpDataLink = newDataLink();
     initLink(mgr); // what fails here shows in the next read
 }
 

@@ -72,6 +72,7 @@ private:
     void waitForSysDaemon();
     void readStartParams();
     void startService();
+    std::unique_ptr<SDataLink> newDataLink();
     bool initLink(SManager& mgr);
     void serveOne(SManager& mgr);
     void stopWorkers();
