@@ -31,7 +31,7 @@ constexpr SDataLink::tCrcTable SDataLink::initCrcTable()
     return table;
 }
 
-constexpr SDataLink::tCrcTable SDataLink::smCrcTable = initCrcTable();
+constinit const SDataLink::tCrcTable SDataLink::smCrcTable = initCrcTable();
 
 SDataLink::SDataLink(std::function<void()> onIdle)
     : mOnIdle(std::move(onIdle))

@@ -110,7 +110,7 @@ protected:
     }
 
     /// Waits until so many requests were delivered.
-    bool serves(unsigned int requests) const
+    bool delivers(unsigned int requests) const
     {
         const auto deadline = std::chrono::steady_clock::now() + 10s;
         while (mServed < requests && std::chrono::steady_clock::now() < deadline)
@@ -202,15 +202,17 @@ TEST_F(DataLinkLine, RepeatsItsReplyWithoutServingTwice)
     EXPECT_EQ(mServed, 1U);
 }
 
-/// The reply to a large request fills the line; the next request is served all the same, and QV that reads again hears
-/// what is left.
-TEST_F(DataLinkLine, ServesTheNextRequestWhileTheLineTakesNothing)
+/// QV takes the long reply so slowly that it is never given up.
+TEST_F(DataLinkLine, DeliversTheNextRequestWhileTheReplyGoesOut)
 {
     const tBytes payload(100'000, 0x44);
     ASSERT_TRUE(line.send(wireFrame(kReset, payload)));
-    ASSERT_TRUE(serves(1));
+    ASSERT_TRUE(delivers(1));
     ASSERT_TRUE(line.send(wireFrame(1, hex("02 09"))));
-    ASSERT_TRUE(serves(2));
+    std::size_t taken = 0;
+    for (; mServed < 2 && taken < payload.size() / 2; std::this_thread::sleep_for(100ms))
+        taken += line.receive(4096, 0ms).size();
+    EXPECT_EQ(mServed, 2U);
     expectServed();
 }
 
