@@ -1,5 +1,7 @@
 #include "tests/faults/FaultTest.h"
 
+#include "tests/faults/Strangers.h"
+
 #include <algorithm>
 
 namespace rig {
@@ -45,6 +47,30 @@ void FaultTest::serveWithService()
 {
     serve();
     ASSERT_TRUE(mRig.device().desktop().waitForService());
+}
+
+bool FaultTest::givesRightText()
+{
+    std::string text = askText();
+    while (text != kText && left() > milliseconds{0} && !mRig.daemon().waitExit(milliseconds{5}))
+        text = askText();
+    EXPECT_EQ(text, kText);
+    return text == kText;
+}
+
+void FaultTest::rememberMemory()
+{
+    mMemory = memoryOf(mRig.daemon().pid());
+}
+
+void FaultTest::expectMemoryWithin(std::size_t megabytes)
+{
+    const std::size_t most = memoryOf(mRig.daemon().pid(), "VmHWM");
+    ASSERT_GT(mMemory, 0U);
+    RecordProperty("memory_kb", std::to_string(most - mMemory));
+    if (!kSanitized) {
+        EXPECT_LE(most - mMemory, megabytes * 1024);
+    }
 }
 
 } // namespace rig

@@ -7,6 +7,12 @@
 
 namespace rig {
 
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+inline constexpr bool kSanitized = true; ///< the daemon is slower, and keeps what it freed
+#else
+inline constexpr bool kSanitized = false;
+#endif
+
 /// One cell of the fault matrix: a fault, what the device shows meanwhile, and how long the recovery may take from the
 /// moment at which the fault is over. What was measured becomes a property of the test, and a row of the file that
 /// VORLAN_FAULT_TABLE names.
@@ -35,6 +41,11 @@ protected:
     /// Starts the daemon with short bus calls and plays nothing yet.
     void serve();
     void serveWithService();
+    /// Asks for register 3 until the answer is the right one; false when the bound is used up.
+    bool givesRightText();
+    /// Remembers how much memory the daemon has, and whether it never had so much more since.
+    void rememberMemory();
+    void expectMemoryWithin(std::size_t megabytes);
     /// Lines on standard error, but those of the status service's attempts.
     std::string errOfMain() { return linesWithout(mRig.daemon().err(), "SDBusManager: "); }
 
@@ -51,6 +62,27 @@ private:
     tCell mCell;
     std::optional<Clock::time_point> mSince;
     std::optional<milliseconds> mMeasured;
+    std::size_t mMemory = 0;
+};
+
+/// For the names of tests, and of cells.
+inline std::string busName(const ::testing::TestParamInfo<sim::BusKindE>& info)
+{
+    return info.param == sim::BusKindE::eBroker ? "OnDBusBroker" : "OnDBusDaemon";
+}
+inline std::string onBus(sim::BusKindE kind)
+{
+    return kind == sim::BusKindE::eBroker ? ", dbus-broker" : ", dbus-daemon";
+}
+
+inline const auto kEachBus = ::testing::Values(sim::BusKindE::eStock, sim::BusKindE::eBroker);
+
+/// On both implementations of a bus.
+class OnEachBus : public FaultTest, public ::testing::WithParamInterface<sim::BusKindE>
+{
+protected:
+    OnEachBus() { mRig.device().runBusesAs(GetParam()); }
+    std::string named(const std::string& fault) const { return fault + onBus(GetParam()); }
 };
 
 } // namespace rig
