@@ -57,7 +57,7 @@ void finishLogos(Rig& rig)
 
 void expectVisualisation(Rig& rig)
 {
-    EXPECT_TRUE(rig.timeline().waitFor(call("LoadConfig")));
+    EXPECT_TRUE(rig.timeline().waitFor(call("LoadConfig"), 0, 5s));
     EXPECT_EQ(rig.timeline().missingInOrder({call("SetParamInt", "0, 2"), call("LoadConfig")}), "");
     EXPECT_EQ(rig.ask(readReg(wire::eRegRdCfgApplied)), "00 01");
 }

@@ -63,7 +63,7 @@ INSTANTIATE_TEST_SUITE_P(Buses, DesktopFault, kEachBus, busName);
 
 TEST_P(DesktopFault, pollersDoNotHoldUpTheStatus)
 {
-    describe({named("fifteen programs poll all properties"), "each status report is answered", 1s});
+    describe({named("fifteen programs poll all properties"), "each status report is answered", 500ms});
     reportBesidePollers();
 }
 
@@ -120,7 +120,9 @@ TEST_P(DesktopFault, signalsForABusThatStandsStillDoNotPileUp)
     expectMemoryWithin(4);
     kill(mRig.device().userBus().pid(), SIGCONT);
     faultIsOver();
-    ASSERT_TRUE(mRig.device().desktop().waitForService(left()));
+    while (!mRig.device().desktop().waitForService(left()) && left() > 0ms) { // the bus may know the old connection yet
+    }
+    ASSERT_GT(left(), 0ms);
     recovered();
     EXPECT_EQ(mRig.device().desktop().property("IpAddrQV").raw, "10.0.0.5");
     EXPECT_EQ(reportStatus(7), "01");

@@ -36,6 +36,7 @@ protected:
         options.environment = kShortCalls;
         options.stdoutFd = mLog.fd();
         options.wrapper = {"/bin/sh", "-c", std::string("exec \"$0\" \"$@\" ") + GetParam().redirections};
+        mRig.peer().setTimeout(10s); // a daemon that hangs is found soon
         ASSERT_TRUE(mRig.serve(options));
         ASSERT_TRUE(mRig.device().desktop().waitForService());
         mLog.closeWriteEnd();

@@ -74,20 +74,19 @@ TEST_F(SilentBusFault, userBusDelaysTheVisualisationByItsTimeOut)
     ASSERT_TRUE(tellStoryInTime());
     ASSERT_TRUE(mRig.timeline().waitFor(call("LoadConfig"), 0, left()));
     recovered();
-    EXPECT_EQ(countOf(errOfMain(), "SDBusLogoHandler: Failed to open user dbus: "), 1U);
+    EXPECT_EQ(countOf(errOfMain(), "SDBusLogoHandler: Failed to "), 1U);
 }
 
 TEST_F(SilentBusFault, userBusTakesOneDelayedExitWithIt)
 {
     describe({"user bus says nothing when an exit is due",
-              "one line after the bus library's time-out (25 s; 2 s in this test); the next exit comes", 15s});
+              "nothing; the next exit waits for the bus library's time-out at most (25 s; 2 s in this test)", 15s});
     ASSERT_NO_FATAL_FAILURE(serveWithService());
     ASSERT_TRUE(mRig.device().desktop().showQmx().ok);
     silenceUserBus();
+    ASSERT_NO_FATAL_FAILURE(expectOpens(2)); // the service object and, two seconds later, the exit
     EXPECT_EQ(askText(), kText);
-    ASSERT_TRUE(mRig.daemon().waitForOutput("Vorlan: Failed to open dbus\n", 10s));
-    mSilent.reset();
-    mRig.device().startUserBus();
+    mRig.device().startUserBus(); // the exit goes on waiting for the silent one
     faultIsOver();
     ASSERT_TRUE(mRig.device().desktop().waitForService(left()));
     ASSERT_TRUE(mRig.device().desktop().showQmx().ok);

@@ -58,8 +58,8 @@ TEST_P(StrangerFault, signalsDoNotKeepItFromStarting)
 TEST_P(StrangerFault, signalsBetweenTwoRequestsCostNeitherTimeNorMemory)
 {
     describe({named("a stranger's 200 000 signals between two requests"),
-              "the next request waits; memory grows by 40 MB at most", 3s});
-    ASSERT_NO_FATAL_FAILURE(serve());
+              "the next request waits; memory grows by 40 MB at most", 6s});
+    ASSERT_TRUE(mRig.serve()); // with long calls: dbus-daemon itself takes seconds to drop what it had queued
     ASSERT_EQ(askText(), kText);
     rememberMemory();
     stranger().flood(pid(), 200'000, kNoise);
