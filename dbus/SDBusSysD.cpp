@@ -34,10 +34,11 @@ struct SDBusSysD::tCall
 };
 
 SDBusSysD::SDBusSysD()
-    : mOpened(steady_clock::now())
 {
-    if (openBus(BusE::eSystem, mBus) < 0)
-        logErr({"SDBusSysD: failed to open DBus"});
+    if (openBus(BusE::eSystem, mBus) >= 0)
+        return;
+    mRenewed = steady_clock::now();
+    logErr({"SDBusSysD: failed to open DBus"});
 }
 
 void SDBusSysD::stop()
@@ -55,9 +56,9 @@ void SDBusSysD::renewBus()
 {
     if (mStopped)
         throw BusStopped();
-    if (isOfUse() || steady_clock::now() - mOpened < kRetry)
+    if (isOfUse() || steady_clock::now() - mRenewed < kRetry)
         return;
-    mOpened = steady_clock::now();
+    mRenewed = steady_clock::now();
     if (openBus(BusE::eSystem, mBus) >= 0)
         mUnanswered = 0;
 }

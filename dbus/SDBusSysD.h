@@ -83,10 +83,10 @@ private:
     void renewBus();
     bool isOfUse();
 
-    BusPtr mBus;                                   ///< null until the bus could be opened once; used under mMutex
-    FairMutex mMutex;                              ///< held for a whole operation
-    unsigned int mUnanswered = 0;                  ///< calls of this connection; guarded by mMutex, as the next
-    std::chrono::steady_clock::time_point mOpened; ///< or tried to
-    const std::atomic<bool>* mRunning = nullptr;   ///< false when the daemon is to stop; null: nobody says so
-    std::atomic<bool> mStopped = false;            ///< set without waiting for mMutex, looked at with it held
+    BusPtr mBus;                                    ///< null until the bus could be opened once; used under mMutex
+    FairMutex mMutex;                               ///< held for a whole operation
+    unsigned int mUnanswered = 0;                   ///< calls of this connection; guarded by mMutex, as the next
+    std::chrono::steady_clock::time_point mRenewed; ///< or tried to be
+    const std::atomic<bool>* mRunning = nullptr;    ///< false when the daemon is to stop; null: nobody says so
+    std::atomic<bool> mStopped = false;             ///< set without waiting for mMutex, looked at with it held
 };
