@@ -152,7 +152,9 @@ qv::Bytes Server::receive()
         if (!readable(kPatience))
             throw std::runtime_error(mName + " does not answer: " + mProcess.out() + mProcess.err());
         std::array<unsigned char, 256> chunk{};
-        const ssize_t got = read(mLine.master(), chunk.data(), chunk.size());
+        // a first request that was repeated has more than one reply
+        const std::size_t wanted = isModbus() ? kModbusReply.size() - out.size() : chunk.size();
+        const ssize_t got = read(mLine.master(), chunk.data(), wanted);
         require(got > 0, mName + ": the line is gone");
         out.insert(out.end(), chunk.begin(), chunk.begin() + got);
     }
