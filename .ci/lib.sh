@@ -3,7 +3,7 @@
 
 kCompile=(g++ cmake ninja-build libsystemd-dev)
 kTools=(libcli11-dev libreadline-dev dbus)
-kTests=(libgtest-dev libgmock-dev)
+kTests=(libgtest-dev libgmock-dev dbus-broker)
 
 say() { printf '== %s\n' "$*"; }
 

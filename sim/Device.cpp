@@ -122,4 +122,14 @@ void Device::startUserBus()
     mDesktop.listen();
 }
 
+void Device::runBusesAs(BusKindE kind)
+{
+    stopSystemBus();
+    stopUserBus();
+    mSystemBus.setKind(kind);
+    mUserBus.setKind(kind == BusKindE::eBroker ? kind : BusKindE::eOpen);
+    startSystemBus();
+    startUserBus();
+}
+
 } // namespace sim

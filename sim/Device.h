@@ -65,6 +65,8 @@ public:
     void startSystemBus();
     void stopUserBus();
     void startUserBus();
+    /// Both buses are restarted: the system bus as one of this kind, the user bus as dbus-broker or else open.
+    void runBusesAs(BusKindE kind);
 
 private:
     using Saved = std::vector<std::pair<std::string, std::optional<std::string>>>;

@@ -30,10 +30,16 @@ TEST(PrivateBus, answersFromStartToStop)
     EXPECT_FALSE(answers(bus));
 }
 
-TEST(PrivateBus, comesBackAtTheSameAddress)
+class EachKindOfBus : public ::testing::TestWithParam<BusKindE>
+{};
+
+INSTANTIATE_TEST_SUITE_P(Buses, EachKindOfBus, ::testing::Values(BusKindE::eOpen, BusKindE::eStock, BusKindE::eBroker));
+
+TEST_P(EachKindOfBus, comesBackAtTheSameAddress)
 {
     TempDir folder;
     PrivateBus bus(folder.path(), "bus");
+    bus.setKind(GetParam());
     bus.start();
     const std::string address = bus.address();
     const pid_t pid = bus.pid();
@@ -42,6 +48,17 @@ TEST(PrivateBus, comesBackAtTheSameAddress)
     EXPECT_EQ(bus.address(), address);
     EXPECT_NE(bus.pid(), pid);
     EXPECT_TRUE(answers(bus));
+}
+
+TEST(StockBus, letsNobodyOwnAnotherName)
+{
+    TempDir folder;
+    PrivateBus bus(folder.path(), "bus");
+    bus.setKind(BusKindE::eStock);
+    bus.start();
+    const BusPtr connection = openBus(bus.address());
+    EXPECT_EQ(sd_bus_request_name(connection.get(), "com.kelvora.other", 0), -EACCES);
+    EXPECT_GE(sd_bus_request_name(connection.get(), "com.kelvora.sysdaemon", 0), 0);
 }
 
 TEST(TempDir, isGoneWithItsObject)
