@@ -22,14 +22,29 @@ using bench::Server;
 using Words = std::vector<std::string>;
 using Servers = std::vector<std::unique_ptr<Server>>;
 
-constexpr char kUsage[] = "Usage: cost_driver requests SERVER REGISTER COUNT [TOOL...]\n"
+constexpr char kUsage[] = "Usage: cost_driver [--broker] COMMAND...\n"
+                          "       cost_driver requests SERVER REGISTER COUNT [TOOL...]\n"
                           "       cost_driver idle SERVER SECONDS\n"
                           "       cost_driver round-trips RATE REGISTER COUNT SERVER...\n"
                           "       cost_driver starts COUNT SERVER...\n"
                           "       cost_driver properties COUNT SERVER ECHO\n"
+                          "--broker: the buses are run by dbus-broker, else by dbus-daemon\n"
                           "SERVER: NAME:daemon|link|modbus:PROGRAM[:ARGUMENT...]\n";
 constexpr unsigned kUsualRate = 115'200;
 constexpr unsigned long kTurn = 100; ///< requests that one is asked before the next one's turn comes
+
+bool sBroker = false;
+
+/// The simulated device on the buses that were asked for.
+class Device : public sim::Device
+{
+public:
+    Device()
+    {
+        if (sBroker)
+            runBusesAs(sim::BusKindE::eBroker);
+    }
+};
 
 /// The sum of the numbers behind `key` in a file of /proc.
 unsigned long valueOf(const std::filesystem::path& file, const std::string& key)
@@ -106,7 +121,7 @@ void startSettled(sim::Device& device, Server& server, const Words& wrapper = {}
 
 void requests(const Words& words)
 {
-    sim::Device device;
+    Device device;
     Server server(device, words.at(0), kUsualRate);
     startSettled(device, server, Words(words.begin() + 3, words.end()));
     const auto address = static_cast<unsigned char>(std::stoul(words.at(1)));
@@ -117,7 +132,7 @@ void requests(const Words& words)
 
 void idle(const Words& words)
 {
-    sim::Device device;
+    Device device;
     Server server(device, words.at(0), kUsualRate);
     startSettled(device, server);
     std::this_thread::sleep_for(std::chrono::seconds(2)); // until the start has settled
@@ -139,7 +154,7 @@ void roundTrips(const Words& words)
 {
     const auto rate = static_cast<unsigned>(std::stoul(words.at(0)));
     const auto address = static_cast<unsigned char>(std::stoul(words.at(1)));
-    sim::Device device;
+    Device device;
     const auto servers = makeServers(device, Words(words.begin() + 3, words.end()), rate);
     for (const auto& server : servers)
         startSettled(device, *server);
@@ -161,7 +176,7 @@ void roundTrips(const Words& words)
 /// From exec to the first answer. Prints for each: name, quantiles, processor time.
 void starts(const Words& words)
 {
-    sim::Device device;
+    Device device;
     const Words descriptions(words.begin() + 1, words.end());
     std::vector<tTimes> times(descriptions.size());
     for (unsigned long left = std::stoul(words.at(0)); left > 0; --left) {
@@ -198,7 +213,7 @@ nanoseconds readProperty(sd_bus* bus, const tProperty& of)
 /// Reads of a property in turns. Prints for each: name, quantiles, processor time of a read.
 void properties(const Words& words)
 {
-    sim::Device device;
+    Device device;
     Server server(device, words.at(1), kUsualRate);
     startSettled(device, server);
     sim::Daemon echo(device.timeline(), device.systemBus(), device.userBus());
@@ -237,6 +252,9 @@ constexpr tCommand kCommands[] = {{"requests", 3, requests},
 
 int main(int argc, char** argv)
 {
+    sBroker = argc > 1 && argv[1] == std::string("--broker");
+    argc -= sBroker ? 1 : 0;
+    argv += sBroker ? 1 : 0;
     const Words words(argv + std::min(argc, 2), argv + argc);
     const auto* command = std::ranges::find_if(kCommands, [&](const tCommand& known) {
         return argc > 1 && known.name == std::string(argv[1]) && words.size() >= known.words;
