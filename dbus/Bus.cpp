@@ -1,5 +1,7 @@
 #include "dbus/Bus.h"
 
+#include <poll.h>
+
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
@@ -101,15 +103,12 @@ int awaitAnswer(sd_bus* bus, std::uint64_t cookie, const tIsStopped& isStopped, 
 {
     Deadline deadline(bus, isStopped);
     for (;;) {
-        int result = adopt(answer, [&](sd_bus_message** m) { return sd_bus_process(bus, m); });
-        if (result < 0 || answers(answer.get(), cookie))
-            return result;
-        const int over = deadline.look(); // also while strangers keep us reading
-        if (over < 0)
-            return over;
-        if (result == 0)
+        int result = deadline.look(); // also while strangers keep us reading
+        if (result >= 0)
             result = sd_bus_wait(bus, static_cast<std::uint64_t>(deadline.left().count()));
-        if (result < 0 && result != -EINTR) // a signal ends no call
+        if (result >= 0 || result == -EINTR) // a signal ends no call
+            result = adopt(answer, [&](sd_bus_message** m) { return sd_bus_process(bus, m); });
+        if (result < 0 || answers(answer.get(), cookie))
             return result;
     }
 }
@@ -166,6 +165,10 @@ int callBus(sd_bus* bus, sd_bus_message* call, const tIsStopped& isStopped, Mess
 
 bool readStrays(sd_bus* bus)
 {
+    constexpr timespec kNow{};
+    pollfd socket{sd_bus_get_fd(bus), POLLIN, 0};
+    if (socket.fd >= 0 && ppoll(&socket, 1, &kNow, nullptr) == 0) // a look is cheaper than to read nothing
+        return true;
     int strays = 0;
     while (strays < kMaxStrays && sd_bus_process(bus, nullptr) > 0)
         ++strays;
