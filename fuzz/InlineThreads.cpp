@@ -14,6 +14,7 @@
 
 namespace {
 
+thread_local int sLocked = 0; ///< mutexes that are held
 thread_local bool sInline = false;
 thread_local int sBodies = 0;      ///< threads under way inside the call that started them
 constexpr pthread_t kFinished = 1; ///< no thread has this handle
@@ -53,6 +54,8 @@ __attribute__((weak)) int __interceptor_pthread_cond_clockwait(pthread_cond_t*, 
 
 int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*), void* argument) noexcept
 {
+    if (sInline && sLocked > 0) // the body could wait for what its starter holds
+        return EAGAIN;
     if (!sInline)
         return next(__interceptor_pthread_create, "pthread_create")(thread, attributes, body, argument);
     ++sBodies;
@@ -104,5 +107,25 @@ int clock_gettime(clockid_t clock, timespec* now) noexcept
     if (clock == CLOCK_MONOTONIC)
         now->tv_sec += sSkipped;
     return result;
+}
+
+__attribute__((weak)) int __interceptor_pthread_mutex_lock(pthread_mutex_t*) noexcept;
+__attribute__((weak)) int __interceptor_pthread_mutex_unlock(pthread_mutex_t*) noexcept;
+
+int pthread_mutex_lock(pthread_mutex_t* mutex) noexcept
+{
+    static const auto lock = next(__interceptor_pthread_mutex_lock, "pthread_mutex_lock");
+    const int result = lock(mutex);
+    if (sInline && result == 0)
+        ++sLocked;
+    return result;
+}
+
+int pthread_mutex_unlock(pthread_mutex_t* mutex) noexcept
+{
+    static const auto unlock = next(__interceptor_pthread_mutex_unlock, "pthread_mutex_unlock");
+    if (sInline)
+        --sLocked;
+    return unlock(mutex);
 }
 }

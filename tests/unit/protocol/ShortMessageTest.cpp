@@ -1,23 +1,14 @@
 // Messages handed to the dispatcher as they are: too short for the line, where a frame holds at least two bytes of
 // payload, or with an effect that only this process can see.
 
-#include "core/Vorlan.h"
 #include "core/VorlanCfg.h"
-#include "dbus/SDBusClients.h"
-#include "link/SManager.h"
-#include "qv/Frame.h"
-#include "sim/Device.h"
+#include "tests/unit/protocol/OnController.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <csignal>
-#include <functional>
-#include <mutex>
-#include <sstream>
 #include <string>
-#include <utility>
 #include <vector>
 
 using testing::ElementsAre;
@@ -42,48 +33,6 @@ namespace {
 
 using Bytes = qv::Bytes;
 
-/// A line without a cable: the link controller's first read runs the test on its thread, then one frame comes, after
-/// which the controller stops.
-class ScriptedLine : public SerialIf
-{
-public:
-    explicit ScriptedLine(std::function<void()> test)
-        : mTest(std::move(test))
-    {}
-
-    int getBackendType() override { return eBackendSerial; }
-    int init(tInitParams*) override { return 0; }
-    bool isOpen() const override { return true; }
-
-    int readBlocking(unsigned char* buf, unsigned int, int) override
-    {
-        mTest();
-        sRunning = false;
-        const Bytes wire = qv::toWire(qv::buildFrame(qv::kResetFlag, Bytes{0, 0}));
-        std::ranges::copy(wire, buf);
-        return static_cast<int>(wire.size());
-    }
-
-    int writeBlocking(const unsigned char* buf, unsigned int len, int) override
-    {
-        const std::lock_guard lock(mMutex);
-        mReplies.push_back(qv::parseWire({buf, len - 1}).payload);
-        return static_cast<int>(len);
-    }
-
-    /// The payloads sent, without the answer to the frame at the end.
-    std::vector<Bytes> replies() const
-    {
-        const std::lock_guard lock(mMutex);
-        return {mReplies.begin(), mReplies.end() - 1};
-    }
-
-private:
-    std::function<void()> mTest;
-    mutable std::mutex mMutex;
-    std::vector<Bytes> mReplies;
-};
-
 struct tOutcome
 {
     bool accepted = false;
@@ -93,47 +42,25 @@ struct tOutcome
     std::size_t starts = 0; ///< of the visualisation
 };
 
-/// Without the lines of the status service, which come from its own thread when they like.
-std::string controllersLines(const std::string& err)
-{
-    std::istringstream lines(err);
-    std::string out;
-    for (std::string line; std::getline(lines, line);) {
-        if (!line.starts_with("SDBusManager: "))
-            out += line + "\n";
-    }
-    return out;
-}
-
 /// Messages handed to a fresh dispatcher as they are; accepted is what it says of the last one.
 tOutcome dispatchedInTurn(std::vector<Bytes> messages)
 {
-    static sim::Device device;
-    device.useInThisProcess();
-    SDBusClients::smpInstance.reset(); // those of an earlier dispatcher are stopped
-    sRunning = true;
+    auto& timeline = busesOfControllers().timeline();
+    const std::size_t from = timeline.mark();
     tOutcome outcome;
-    const std::size_t from = device.timeline().mark();
-    ScriptedLine* line = nullptr;
-    {
-        Vorlan vorlan;
-        line = new ScriptedLine([&] {
-            testing::internal::CaptureStderr();
-            try {
-                for (Bytes& message : messages)
-                    outcome.accepted = vorlan.parse(message);
-            } catch (const VorlanException& e) {
-                outcome.thrown = std::string(e.what()) + (e.keepRunning != 0 ? " on" : " end");
-            }
-            outcome.err = controllersLines(testing::internal::GetCapturedStderr());
-        });
-        SManager::registerSerialBackend(line);
-        vorlan.init();
-        vorlan.setSerialCfg("", 115200);
-        vorlan.run();
-    }
-    outcome.replies = line->replies();
-    outcome.starts = device.timeline().count(sim::match::call("ConfigureNetwork"), from);
+    const auto test = [&](Vorlan& vorlan) {
+        testing::internal::CaptureStderr();
+        try {
+            for (Bytes& message : messages)
+                outcome.accepted = vorlan.parse(message);
+        } catch (const VorlanException& e) {
+            outcome.thrown = std::string(e.what()) + (e.keepRunning != 0 ? " on" : " end");
+        }
+        outcome.err = controllersLines(testing::internal::GetCapturedStderr());
+    };
+    onController(test, [&](const Bytes& reply) { outcome.replies.push_back(reply); });
+    outcome.replies.pop_back();
+    outcome.starts = timeline.count(sim::match::call("ConfigureNetwork"), from);
     return outcome;
 }
 
