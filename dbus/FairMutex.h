@@ -21,10 +21,8 @@ public:
 
     void unlock()
     {
-        {
-            const std::lock_guard state(mState);
-            ++mServed;
-        }
+        const std::lock_guard state(mState);
+        ++mServed;
         mFreed.notify_all();
     }
 
