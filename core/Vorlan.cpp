@@ -15,6 +15,8 @@ std::atomic<bool> sRunning = true;
 
 namespace {
 
+constexpr std::size_t kKeptCapacity = 4096; ///< bytes of a request whose memory is kept
+
 static_assert(std::atomic<bool>::is_always_lock_free, "the signal handlers store into it");
 
 void onStopSignal(int)
@@ -77,9 +79,9 @@ void Vorlan::run()
         }
         if (!initLink(*mgr))
             sRunning = false;
-        while (sRunning) {
+        for (tBytes request; sRunning;) {
             try {
-                serveOne(*mgr);
+                serveOne(*mgr, request);
             } catch (const VorlanException& e) {
                 if (e.keepRunning == 0)
                     break;
@@ -132,9 +134,12 @@ void Vorlan::startService()
     mpService->start();
 }
 
-void Vorlan::serveOne(SManager& mgr)
+/// `request` is memory that one request leaves to the next.
+void Vorlan::serveOne(SManager& mgr, tBytes& request)
 {
-    tBytes request;
+    request.clear();
+    if (request.capacity() > kKeptCapacity)
+        request.shrink_to_fit();
     startService();
     if (mpDataLink->read(request)) {
         parse(request);

@@ -74,7 +74,7 @@ private:
     void startService();
     std::unique_ptr<SDataLink> newDataLink();
     bool initLink(SManager& mgr);
-    void serveOne(SManager& mgr);
+    void serveOne(SManager& mgr, tBytes& request);
     void stopWorkers();
 
     // Replies: the status byte, then what the overload adds
