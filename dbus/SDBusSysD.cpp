@@ -82,9 +82,10 @@ int SDBusSysD::callAndWait(sd_bus_message* call, MessagePtr* answer)
     if (mRunning != nullptr && mBus && sd_bus_is_ready(mBus.get()) <= 0)
         isStopped = [this] { return !*mRunning && sd_bus_is_ready(mBus.get()) <= 0; };
     const int result = callBus(mBus.get(), call, isStopped, answer);
-    if (result == -ETIMEDOUT || result == -ECANCELED)
+    const bool stopped = result == -ECANCELED && isStopped && isStopped(); // else it is what was answered
+    if (result == -ETIMEDOUT || stopped)
         onUnanswered();
-    if (result == -ECANCELED)
+    if (stopped)
         throw BusStopped();
     return result;
 }

@@ -195,6 +195,16 @@ TEST_F(SDBusSysDTest, answersWithAnError)
     expectAllWork(sysd);
 }
 
+TEST_F(SDBusSysDTest, AnErrorThatSaysCancelledIsAFailureLikeAnyOther)
+{
+    const std::atomic<bool> running = true;
+    SDBusSysD sysd;
+    sysd.openOnlyWhile(running);
+    mDevice.sysd().setBehaviour("*", tBehaviour::error("System.Error.ECANCELED"));
+    for (const tOperation& operation : sysDOperations())
+        expect(sysd, operation, operation.failure, operation.callLine + operation.readLine);
+}
+
 TEST_F(SDBusSysDTest, answersWithAnotherType)
 {
     SDBusSysD sysd;
