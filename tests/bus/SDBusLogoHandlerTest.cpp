@@ -220,6 +220,16 @@ TEST_F(SDBusLogoHandlerTest, logoHandlerDiesInStart)
     EXPECT_EQ(mStderr.text(), "SDBusLogoHandler: Failed to start logohandler: Connection timed out\n");
 }
 
+TEST_F(SDBusLogoHandlerTest, BusIsLostInStart)
+{
+    mDevice.logo().setBehaviour("Start", tBehaviour::silent());
+    RunningLogos logos(mDevice.timeline());
+    mDevice.stopUserBus();
+    ASSERT_TRUE(logos.hasEnded());
+    EXPECT_FALSE(logos.result());
+    EXPECT_EQ(mStderr.text(), "SDBusLogoHandler: Failed to start logohandler: Connection reset by peer\n");
+}
+
 // ---- Stop
 
 TEST_F(SDBusLogoHandlerTest, stopFromAnotherThreadEndsItWithThatResult)
