@@ -79,8 +79,10 @@ MessagePtr SDBusSysD::newSysDCall(const char* member)
 int SDBusSysD::callAndWait(sd_bus_message* call, MessagePtr* answer)
 {
     tIsStopped isStopped;
-    if (mRunning != nullptr && mBus && sd_bus_is_ready(mBus.get()) <= 0)
-        isStopped = [this] { return !*mRunning && sd_bus_is_ready(mBus.get()) <= 0; };
+    if (mBus && sd_bus_is_ready(mBus.get()) <= 0)
+        isStopped = [this] {
+            return (mStopped || (mRunning != nullptr && !*mRunning)) && sd_bus_is_ready(mBus.get()) <= 0;
+        };
     const int result = callBus(mBus.get(), call, isStopped, answer);
     const bool stopped = result == -ECANCELED && isStopped && isStopped(); // else it is what was answered
     if (result == -ETIMEDOUT || stopped)

@@ -3,6 +3,7 @@
 #include "tests/bus/BusFault.h"
 #include "tests/bus/BusTest.h"
 #include "tests/bus/SysDOperations.h"
+#include "tests/support/Sleeper.h"
 
 #include <csignal>
 #include <cstdlib>
@@ -663,4 +664,16 @@ TEST_F(SDBusSysDTest, stopLetsTheCallUnderWayEnd)
     EXPECT_THROW(sysd.getParamInt(eParamGifDelayMS), BusStopped);
     EXPECT_EQ(underWay.get(), 40);
     EXPECT_THAT(calls(), ElementsAre("sysd.GetParamInt u 27"));
+}
+
+TEST_F(SDBusSysDTest, StopEndsTheWaitForABusThatSaysNothing)
+{
+    const CallTimeOut timeOut("5s");
+    mDevice.stopSystemBus();
+    unlink(mDevice.systemBus().socket().c_str());
+    const sim::UniqueFd silent = sim::listenAt(mDevice.systemBus().socket());
+    SDBusSysD sysd;
+    Sleeper caller([&] { EXPECT_THROW(sysd.getParamInt(eParamGifDelayMS), BusStopped); });
+    EXPECT_TRUE(caller.fallsAsleep());
+    sysd.stop();
 }
