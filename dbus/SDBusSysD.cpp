@@ -3,6 +3,7 @@
 #include "os/Log.h"
 
 #include <cerrno>
+#include <string_view>
 #include <type_traits>
 
 using std::chrono::steady_clock;

@@ -8,7 +8,6 @@
 #include <atomic>
 #include <chrono>
 #include <string>
-#include <string_view>
 
 /// The client of the system daemon: each operation is one blocking call on the system bus, one at a time for the
 /// whole process, in the order in which they come, and nothing is cached. Called by the link controller's thread, the
