@@ -51,7 +51,7 @@ bool SDBusLogoHandler::run()
 /// The result of run after a step that failed, or that was given up because all is over already.
 bool SDBusLogoHandler::failed(const char* words, int result) const
 {
-    if (result == -ECANCELED)
+    if (result == -ECANCELED && !mRunning) // else it is what the bus or the logo handler answered
         return mResult;
     report(words, result);
     return false;

@@ -3,6 +3,7 @@
 #include "os/Log.h"
 
 #include <cerrno>
+#include <string_view>
 #include <type_traits>
 
 using std::chrono::steady_clock;
@@ -79,12 +80,15 @@ MessagePtr SDBusSysD::newSysDCall(const char* member)
 int SDBusSysD::callAndWait(sd_bus_message* call, MessagePtr* answer)
 {
     tIsStopped isStopped;
-    if (mRunning != nullptr && mBus && sd_bus_is_ready(mBus.get()) <= 0)
-        isStopped = [this] { return !*mRunning && sd_bus_is_ready(mBus.get()) <= 0; };
+    if (mBus && sd_bus_is_ready(mBus.get()) <= 0)
+        isStopped = [this] {
+            return (mStopped || (mRunning != nullptr && !*mRunning)) && sd_bus_is_ready(mBus.get()) <= 0;
+        };
     const int result = callBus(mBus.get(), call, isStopped, answer);
-    if (result == -ETIMEDOUT || result == -ECANCELED)
+    const bool stopped = result == -ECANCELED && isStopped && isStopped(); // else it is what was answered
+    if (result == -ETIMEDOUT || stopped)
         onUnanswered();
-    if (result == -ECANCELED)
+    if (stopped)
         throw BusStopped();
     return result;
 }

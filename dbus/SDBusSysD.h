@@ -8,7 +8,6 @@
 #include <atomic>
 #include <chrono>
 #include <string>
-#include <string_view>
 
 /// The client of the system daemon: each operation is one blocking call on the system bus, one at a time for the
 /// whole process, in the order in which they come, and nothing is cached. Called by the link controller's thread, the
@@ -22,11 +21,12 @@ public:
     SDBusSysD();
     virtual ~SDBusSysD() = default;
 
-    /// No call begins after this one: operations throw BusStopped. What another thread has under way is finished.
+    /// No call begins after this one: operations throw BusStopped. What another thread has under way is finished, but a
+    /// bus that has not answered yet is not waited for.
     void stop();
 
-    /// A bus that has not answered yet is not waited for once `running` is false: operations throw BusStopped then. No
-    /// other call is cut short. To be called before any operation; `running` outlives this.
+    /// Nor is it waited for once `running` is false: operations throw BusStopped then. No other call is cut short. To
+    /// be called before any operation; `running` outlives this.
     void openOnlyWhile(const std::atomic<bool>& running);
 
     /// The system daemon answers and says that it is ready. Throws nothing.

@@ -22,7 +22,7 @@ public:
 
     /// After the first byte it waits seven character times for more, so that one read takes a whole short frame.
     /// A line that is hung up reads nothing for ever without waiting: then the time-out is waited out instead. When the
-    /// next read finds the line still hung up, it closes the port and throws: only opening it anew can help.
+    /// next read finds the line still hung up, the port counts as closed and it throws: only init can help.
     int readBlocking(unsigned char* buf, unsigned int len, int timeoutMs) override;
     int writeBlocking(const unsigned char* buf, unsigned int len, int timeoutMs) override;
     bool isOpen() const override { return mOpen; }

@@ -196,6 +196,14 @@ TEST_F(SDBusLogoHandlerTest, startIsAnsweredWithAnError)
     EXPECT_EQ(mStderr.text(), "SDBusLogoHandler: Failed to start logohandler: Input/output error\n");
 }
 
+TEST_F(SDBusLogoHandlerTest, StartIsAnsweredWithAnErrorThatSaysCancelled)
+{
+    mDevice.logo().setBehaviour("Start", tBehaviour::error("System.Error.ECANCELED"));
+    SDBusLogoHandler handler;
+    EXPECT_FALSE(handler.run());
+    EXPECT_EQ(mStderr.text(), "SDBusLogoHandler: Failed to start logohandler: Operation canceled\n");
+}
+
 TEST_F(HastySDBusLogoHandlerTest, startIsNotAnswered)
 {
     mDevice.logo().setBehaviour("Start", tBehaviour::silent());
@@ -210,6 +218,16 @@ TEST_F(SDBusLogoHandlerTest, logoHandlerDiesInStart)
     SDBusLogoHandler handler;
     EXPECT_FALSE(handler.run());
     EXPECT_EQ(mStderr.text(), "SDBusLogoHandler: Failed to start logohandler: Connection timed out\n");
+}
+
+TEST_F(SDBusLogoHandlerTest, BusIsLostInStart)
+{
+    mDevice.logo().setBehaviour("Start", tBehaviour::silent());
+    RunningLogos logos(mDevice.timeline());
+    mDevice.stopUserBus();
+    ASSERT_TRUE(logos.hasEnded());
+    EXPECT_FALSE(logos.result());
+    EXPECT_EQ(mStderr.text(), "SDBusLogoHandler: Failed to start logohandler: Connection reset by peer\n");
 }
 
 // ---- Stop

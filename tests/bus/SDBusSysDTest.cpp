@@ -3,6 +3,7 @@
 #include "tests/bus/BusFault.h"
 #include "tests/bus/BusTest.h"
 #include "tests/bus/SysDOperations.h"
+#include "tests/support/Sleeper.h"
 
 #include <csignal>
 #include <cstdlib>
@@ -193,6 +194,16 @@ TEST_F(SDBusSysDTest, answersWithAnError)
         expect(sysd, operation, operation.failure, operation.callLine + operation.readLine);
     mDevice.sysd().clearBehaviour();
     expectAllWork(sysd);
+}
+
+TEST_F(SDBusSysDTest, AnErrorThatSaysCancelledIsAFailureLikeAnyOther)
+{
+    const std::atomic<bool> running = true;
+    SDBusSysD sysd;
+    sysd.openOnlyWhile(running);
+    mDevice.sysd().setBehaviour("*", tBehaviour::error("System.Error.ECANCELED"));
+    for (const tOperation& operation : sysDOperations())
+        expect(sysd, operation, operation.failure, operation.callLine + operation.readLine);
 }
 
 TEST_F(SDBusSysDTest, answersWithAnotherType)
@@ -653,4 +664,16 @@ TEST_F(SDBusSysDTest, stopLetsTheCallUnderWayEnd)
     EXPECT_THROW(sysd.getParamInt(eParamGifDelayMS), BusStopped);
     EXPECT_EQ(underWay.get(), 40);
     EXPECT_THAT(calls(), ElementsAre("sysd.GetParamInt u 27"));
+}
+
+TEST_F(SDBusSysDTest, StopEndsTheWaitForABusThatSaysNothing)
+{
+    const CallTimeOut timeOut("5s");
+    mDevice.stopSystemBus();
+    unlink(mDevice.systemBus().socket().c_str());
+    const sim::UniqueFd silent = sim::listenAt(mDevice.systemBus().socket());
+    SDBusSysD sysd;
+    Sleeper caller([&] { EXPECT_THROW(sysd.getParamInt(eParamGifDelayMS), BusStopped); });
+    EXPECT_TRUE(caller.fallsAsleep());
+    sysd.stop();
 }
