@@ -8,6 +8,7 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -36,8 +37,7 @@ std::string escaped(const char* text)
     return out;
 }
 
-/// Empty when there is none.
-std::string addressOf(BusE which)
+std::optional<std::string> addressOf(BusE which)
 {
     const char* given = secure_getenv(which == BusE::eSystem ? "DBUS_SYSTEM_BUS_ADDRESS" : "DBUS_SESSION_BUS_ADDRESS");
     if (given != nullptr)
@@ -45,7 +45,9 @@ std::string addressOf(BusE which)
     if (which == BusE::eSystem)
         return "unix:path=/run/dbus/system_bus_socket";
     const char* folder = secure_getenv("XDG_RUNTIME_DIR");
-    return folder != nullptr ? "unix:path=" + escaped(folder) + "/bus" : "";
+    if (folder == nullptr)
+        return std::nullopt;
+    return "unix:path=" + escaped(folder) + "/bus";
 }
 
 steady_clock::time_point endOfCall(sd_bus* bus)
@@ -120,13 +122,13 @@ int awaitAnswer(sd_bus* bus, std::uint64_t cookie, const tIsStopped& isStopped, 
 
 int openBus(BusE which, BusPtr& bus)
 {
-    const std::string address = addressOf(which);
-    if (address.empty())
+    const std::optional<std::string> address = addressOf(which);
+    if (!address)
         return -ENOMEDIUM;
     BusPtr fresh;
     int result = adopt(fresh, [](sd_bus** b) { return sd_bus_new(b); });
     if (result >= 0)
-        result = sd_bus_set_address(fresh.get(), address.c_str());
+        result = sd_bus_set_address(fresh.get(), address->c_str());
     if (result >= 0)
         result = sd_bus_set_bus_client(fresh.get(), 1);
     if (result >= 0)

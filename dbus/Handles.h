@@ -35,21 +35,6 @@ int adopt(Owner& owner, Create create)
     return result;
 }
 
-/// The error record of a call.
-class BusError
-{
-public:
-    BusError() = default;
-    ~BusError() { sd_bus_error_free(&mError); }
-    BusError(const BusError&) = delete;
-    BusError& operator=(const BusError&) = delete;
-
-    sd_bus_error* get() { return &mError; }
-
-private:
-    sd_bus_error mError{};
-};
-
 /// A file descriptor, closed with its owner; a negative one is none.
 class UniqueFd
 {

@@ -68,14 +68,20 @@ int SDBusLogoHandler::addMatch(sd_bus* bus, const char* rule)
 int SDBusLogoHandler::start(sd_bus* bus)
 {
     const MessagePtr call = newCall(bus, kDestination, kPath, "Start");
-    return call ? callBus(bus, call.get(), [this] { return !mRunning; }) : -ENOMEM;
+    MessagePtr answer;
+    const int result = call ? callBus(
+                                  bus, call.get(), [this] { return !mRunning; }, &answer)
+                            : -ENOMEM;
+    const char* const sender = answer ? sd_bus_message_get_sender(answer.get()) : nullptr;
+    mHandler = sender != nullptr ? sender : "";
+    return result;
 }
 
 /// The first failure ends the logos: a bus that is lost does not come back to this connection.
 void SDBusLogoHandler::waitFinished(sd_bus* bus)
 {
     while (mRunning) {
-        int result = mHandlerLeft ? -EOWNERDEAD : sd_bus_process(bus, nullptr);
+        int result = mLeft == mHandler ? -EOWNERDEAD : sd_bus_process(bus, nullptr);
         if (result > 0)
             continue;
         if (result < 0)
@@ -116,7 +122,7 @@ void SDBusLogoHandler::onOwnerChanged(sd_bus_message* message)
 {
     const char* name = nullptr;
     const char* before = nullptr;
-    if (sd_bus_message_read(message, "ss", &name, &before) > 0 && *before != '\0' &&
-        name == std::string_view(kDestination))
-        mHandlerLeft = true;
+    if (sd_bus_message_read(message, "ss", &name, &before) > 0 && name == std::string_view(kDestination) &&
+        *before != '\0')
+        mLeft = before;
 }

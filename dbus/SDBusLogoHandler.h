@@ -3,6 +3,7 @@
 #include <systemd/sd-bus.h>
 
 #include <atomic>
+#include <string>
 
 /// The client of the boot-logo handler on the user bus.
 class SDBusLogoHandler
@@ -32,5 +33,7 @@ private:
 
     std::atomic<bool> mRunning = true;
     std::atomic<bool> mResult = false;
-    bool mHandlerLeft = false; ///< for the thread in run
+    // For the thread in run: unique names on the bus
+    std::string mHandler;       ///< who answered Start
+    std::string mLeft = "none"; ///< who owned the name last and has left
 };

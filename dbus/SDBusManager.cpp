@@ -9,6 +9,7 @@
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <mutex>
@@ -20,8 +21,9 @@ namespace {
 constexpr char kName[] = "com.kelvora.vorlan"; // and interface
 constexpr char kPath[] = "/com/kelvora/vorlan";
 constexpr std::uint64_t kTurnUs = 1'000'000;
-constexpr int kLastTurns = 100;            ///< of the loop after a stop
-constexpr std::uint64_t kMaxUnsent = 1000; ///< messages that a bus leaves waiting: it stands still
+constexpr int kLastTurns = 100;             ///< of the loop after a stop
+constexpr std::uint64_t kManyUnsent = 1000; ///< messages
+constexpr std::chrono::milliseconds kStandstill{500};
 
 /// The object's path and the paths above it, the deepest first.
 constexpr const char* kNodes[] = {kPath, "/com/kelvora", "/com", "/"};
@@ -103,6 +105,7 @@ bool SDBusManager::initDBusConn()
     mBus = std::move(bus);
     mEvent = std::move(event);
     mGivenUp = false;
+    mSending = std::chrono::steady_clock::time_point::max(); // before the loop serves it nothing can leave
     return true;
 }
 
@@ -177,6 +180,10 @@ void SDBusManager::pauseOneSecond()
 /// What was asked before a stop is answered, as far as it has come in.
 void SDBusManager::serve()
 {
+    {
+        const std::lock_guard lock(mMutex);
+        mSending = std::chrono::steady_clock::now();
+    }
     bool open = true;
     while (open && !isStopRequested())
         open = runOnce(kTurnUs);
@@ -207,6 +214,24 @@ bool SDBusManager::runOnce(std::uint64_t waitUs)
     return result >= 0 && !idle && !mGivenUp && sd_bus_is_open(mBus.get()) > 0;
 }
 
+/// A bus of which nothing of many messages leaves us stands still.
+void SDBusManager::watchQueue()
+{
+    std::uint64_t unsent = 0;
+    sd_bus_get_n_queued_write(mBus.get(), &unsent);
+    const auto now = std::chrono::steady_clock::now();
+    if (unsent <= std::max(mUnsent, kManyUnsent))
+        mSending = std::max(mSending, now);
+    mGivenUp = now - mSending > kStandstill;
+    mUnsent = unsent;
+}
+
+bool SDBusManager::isConnected()
+{
+    const std::lock_guard lock(mMutex);
+    return mBus && !mGivenUp;
+}
+
 template <typename Emit>
 void SDBusManager::emitOn(Emit emit)
 {
@@ -214,8 +239,7 @@ void SDBusManager::emitOn(Emit emit)
     if (!mBus || mGivenUp)
         return;
     emit(mBus.get());
-    std::uint64_t unsent = 0;
-    mGivenUp = sd_bus_get_n_queued_write(mBus.get(), &unsent) >= 0 && unsent > kMaxUnsent;
+    watchQueue();
     wake();
 }
 
@@ -233,9 +257,7 @@ void SDBusManager::emitSignal(const char* member)
 /// first.
 void SDBusManager::emitAsked(const char* name, bool (SDBusManager::*ask)())
 {
-    bool connected = false;
-    emitOn([&](sd_bus*) { connected = true; });
-    if (!connected)
+    if (!isConnected())
         return;
     try {
         const bool value = (this->*ask)();

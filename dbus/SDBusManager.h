@@ -5,6 +5,7 @@
 #include "dbus/ThreadBase.h"
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <string>
 #include <thread>
@@ -22,6 +23,7 @@ public:
     void stop() override;
     void Run() override;
 
+    /// Not for a property that is asked of the system daemon: that would be done with the connection held.
     void emitPropChange(const std::string& name);
     void emitQVIpAddr();
     void emitQVStatus();
@@ -82,16 +84,20 @@ private:
     void disconnect();
     void pauseOneSecond();
     bool runOnce(std::uint64_t waitUs);
+    bool isConnected();
+    void watchQueue();
     template <typename Emit>
     void emitOn(Emit emit);
     void emitSignal(const char* member);
     void emitAsked(const char* name, bool (SDBusManager::*ask)());
     void wake();
 
-    BusPtr mBus;           ///< null while there is no connection; used under mMutex
-    EventPtr mEvent;       ///< service thread only
-    FairMutex mMutex;      ///< held whenever the connection is used, also while the loop dispatches
-    bool mGivenUp = false; ///< the connection takes no more; guarded by mMutex
-    std::atomic<std::thread::id> mDispatcher{}; ///< the thread that dispatches with mMutex held
-    UniqueFd mWakeFd;                           ///< eventfd: has the loop look at the connection, or at the stop flag
+    BusPtr mBus;               ///< null while there is no connection; used under mMutex
+    EventPtr mEvent;           ///< service thread only
+    FairMutex mMutex;          ///< held whenever the connection is used, also while the loop dispatches
+    bool mGivenUp = false;     ///< the connection takes no more; guarded by mMutex
+    std::uint64_t mUnsent = 0; ///< messages that waited after the last emit; guarded by mMutex
+    std::chrono::steady_clock::time_point mSending; ///< when messages last left; guarded by mMutex
+    std::atomic<std::thread::id> mDispatcher{};     ///< the thread that dispatches with mMutex held
+    UniqueFd mWakeFd; ///< eventfd: has the loop look at the connection, or at the stop flag
 };

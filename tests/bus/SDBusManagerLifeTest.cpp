@@ -507,6 +507,6 @@ TEST_F(SDBusManagerLifeTest, manyThreadsEmitWhileTheBusComesAndGoes)
     end = true;
     for (std::thread& thread : threads)
         thread.join();
-    EXPECT_EQ(read("StatusQV"), "0");
+    EXPECT_EQ(read("StatusQV"), "0") << mStderr.text();
     expectStops();
 }

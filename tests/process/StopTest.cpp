@@ -290,7 +290,7 @@ protected:
 TEST_F(Stop, keepsTheLogosFromStarting)
 {
     // The logo thread is kept in its announcement by the answer to its question, which comes behind the controller's.
-    // When it was the faster one, all is tried once more.
+    // When it was the faster one, or so slow that the stop came first, all is tried once more.
     for (int attempt = 0; attempt < 50; ++attempt) {
         Rig rig(kVorlan);
         sim::SysDaemon& sysd = rig.device().sysd();
@@ -307,8 +307,9 @@ TEST_F(Stop, keepsTheLogosFromStarting)
         if (first->arguments != "210") // for ShowQVStatus
             continue;
         sysd.release();
-        ASSERT_TRUE(rig.timeline().waitFor(call("GetParamBool", "92"), from));
         ASSERT_TRUE(rig.daemon().waitForOutput(kStopping));
+        if (!rig.timeline().waitFor(call("GetParamBool", "92"), from, milliseconds{0}))
+            continue;
         sysd.clearBehaviour();
         sysd.release();
         EXPECT_EQ(rig.daemon().waitExit(), exited(0));
@@ -316,7 +317,7 @@ TEST_F(Stop, keepsTheLogosFromStarting)
         EXPECT_EQ(rig.daemon().out(), kStarted + kApply + kStopped);
         return;
     }
-    FAIL() << "the logo thread was always too early";
+    FAIL() << "the logo thread was never in its announcement at the stop";
 }
 #endif
 
