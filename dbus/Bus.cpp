@@ -102,12 +102,13 @@ private:
 int awaitAnswer(sd_bus* bus, std::uint64_t cookie, const tIsStopped& isStopped, MessagePtr& answer)
 {
     Deadline deadline(bus, isStopped);
+    int read = 0;
     for (;;) {
         int result = deadline.look(); // also while strangers keep us reading
-        if (result >= 0)
+        if (result >= 0 && read == 0)
             result = sd_bus_wait(bus, static_cast<std::uint64_t>(deadline.left().count()));
         if (result >= 0 || result == -EINTR) // a signal ends no call
-            result = adopt(answer, [&](sd_bus_message** m) { return sd_bus_process(bus, m); });
+            result = read = adopt(answer, [&](sd_bus_message** m) { return sd_bus_process(bus, m); });
         if (result < 0 || answers(answer.get(), cookie))
             return result;
     }
