@@ -1,6 +1,7 @@
 #include "dbus/Bus.h"
 
 #include <poll.h>
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <cctype>
@@ -101,16 +102,52 @@ private:
     const tIsStopped& mIsStopped;
 };
 
+/// What a bus says while it gets to know the connection. The library asks for two lines, and aborts the process over a
+/// bus that says three at once.
+class Greeting
+{
+public:
+    explicit Greeting(sd_bus* bus)
+        : mBus(bus)
+    {}
+
+    /// To be asked before each read.
+    bool isTooLong()
+    {
+        if (mLines >= kLines || sd_bus_is_ready(mBus) > 0)
+            return false;
+        char said[256]; // as much as the library reads
+        const ssize_t size = recv(sd_bus_get_fd(mBus), said, sizeof(said), MSG_PEEK | MSG_DONTWAIT);
+        const std::string_view text(said, static_cast<std::size_t>(std::max<ssize_t>(size, 0)));
+        for (std::size_t at = text.find(kEnd); at != std::string_view::npos; at = text.find(kEnd, at + kEnd.size()))
+            ++mLines;
+        return mLines > kLines;
+    }
+
+private:
+    static constexpr int kLines = 2;
+    static constexpr std::string_view kEnd = "\r\n";
+
+    sd_bus* mBus;
+    int mLines = 0;
+};
+
 int awaitAnswer(sd_bus* bus, std::uint64_t cookie, const tIsStopped& isStopped, MessagePtr& answer)
 {
     Deadline deadline(bus, isStopped);
-    for (bool connected = false;;) {
+    Greeting greeting(bus);
+    bool connected = false;
+    for (int read = 0;;) {
         connected = connected || sd_bus_is_ready(bus) > 0;
         int result = deadline.look(); // also while strangers keep us reading
-        if (result >= 0)
+        if (result >= 0 && read == 0)
             result = sd_bus_wait(bus, static_cast<std::uint64_t>(deadline.left().count()));
+        if (!connected && greeting.isTooLong()) {
+            sd_bus_close(bus);
+            return -EPROTO;
+        }
         if (result >= 0 || result == -EINTR) // a signal ends no call
-            result = adopt(answer, [&](sd_bus_message** m) { return sd_bus_process(bus, m); });
+            result = read = adopt(answer, [&](sd_bus_message** m) { return sd_bus_process(bus, m); });
         if (result == -ENOTCONN && connected)
             return -ECONNRESET; // lost while the call waited: what the library's own call says then
         if (result < 0 || answers(answer.get(), cookie))
@@ -170,6 +207,8 @@ int callBus(sd_bus* bus, sd_bus_message* call, const tIsStopped& isStopped, Mess
 
 bool readStrays(sd_bus* bus)
 {
+    if (sd_bus_is_open(bus) > 0 && sd_bus_is_ready(bus) <= 0) // the first call reads the bus's greeting
+        return true;
     constexpr timespec kNow{};
     pollfd socket{sd_bus_get_fd(bus), POLLIN, 0};
     if (socket.fd >= 0 && ppoll(&socket, 1, &kNow, nullptr) == 0) // a look is cheaper than to read nothing

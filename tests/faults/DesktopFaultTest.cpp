@@ -109,9 +109,9 @@ TEST_P(DesktopFault, showQmxDoesNotHoldUpTheStatus)
 
 TEST_P(DesktopFault, signalsForABusThatStandsStillDoNotPileUp)
 {
-    describe({named("user bus standing still, 28 000 reports"),
+    describe({named("user bus standing still, 40 000 reports"),
               "reports are answered; memory grows by 4 MB at most; the service is back with the bus", 10s});
-    constexpr int kReports = kSanitized ? 2'000 : 28'000; // the kernel's buffers take the first 21 000
+    constexpr int kReports = kSanitized ? 2'000 : 40'000; // the kernel's buffers take the first 21 000
     rememberMemory();
     kill(mRig.device().userBus().pid(), SIGSTOP);
     for (int i = 0; i < kReports; ++i)

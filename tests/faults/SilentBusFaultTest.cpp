@@ -1,6 +1,10 @@
 #include "tests/faults/FaultTest.h"
 #include "tests/faults/Strangers.h"
 
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <csignal>
 #include <future>
 #include <optional>
@@ -196,6 +200,52 @@ TEST_F(SilentBusFault, exitThatIsNotAnsweredEndsWithTheStop)
     ASSERT_TRUE(mRig.timeline().waitFor(call("Exit")));
     ASSERT_TRUE(mRig.waitsForRequest());
     expectPromptStop();
+}
+
+/// A bus that says more than it is asked when somebody connects.
+class TalkativeBusFault : public FaultTest
+{
+protected:
+    /// In the bus's place, until it is given up.
+    static void meet(const sim::PrivateBus& bus)
+    {
+        unlink(bus.socket().c_str());
+        const sim::UniqueFd listener = sim::listenAt(bus.socket());
+        pollfd poller{listener.get(), POLLIN, 0};
+        ASSERT_EQ(poll(&poller, 1, static_cast<int>(sim::kDeadline.count())), 1);
+        const sim::UniqueFd peer(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
+        ASSERT_GT(send(peer.get(), kTooMuch, sizeof(kTooMuch) - 1, MSG_NOSIGNAL), 0);
+        poller = {peer.get(), POLLRDHUP, 0};
+        ASSERT_EQ(poll(&poller, 1, static_cast<int>(sim::kDeadline.count())), 1);
+    }
+
+    static constexpr char kTooMuch[] = "DATA\r\nOK 0123456789abcdef0123456789abcdef\r\nAGREE_UNIX_FD\r\n";
+};
+
+TEST_F(TalkativeBusFault, userBusIsRefused)
+{
+    describe({"user bus says more than it is asked", "no service object", 10s});
+    mRig.device().stopUserBus();
+    ASSERT_NO_FATAL_FAILURE(serve());
+    ASSERT_NO_FATAL_FAILURE(meet(mRig.device().userBus()));
+    mRig.peer().setTimeout(2s);
+    ASSERT_EQ(askText(), kText);
+    mRig.device().startUserBus();
+    faultIsOver();
+    ASSERT_TRUE(mRig.device().desktop().waitForService(left()));
+    recovered();
+}
+
+TEST_F(TalkativeBusFault, systemBusIsRefused)
+{
+    describe({"system bus says more than it is asked", "waiting lines", 5s});
+    mRig.device().stopSystemBus();
+    mRig.start();
+    ASSERT_NO_FATAL_FAILURE(meet(mRig.device().systemBus()));
+    mRig.device().startSystemBus();
+    faultIsOver();
+    ASSERT_TRUE(mRig.serves(left()));
+    recovered();
 }
 
 } // namespace
