@@ -2,6 +2,8 @@
 
 #include "link/SerialIf.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
@@ -9,6 +11,7 @@
 #include <exception>
 #include <functional>
 #include <mutex>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -116,6 +119,13 @@ public:
         const std::lock_guard lock(mMutex);
         return mWritesEnded;
     }
+
+    /// The kernel's numbers of the threads that have written.
+    std::set<pid_t> writers() const
+    {
+        const std::lock_guard lock(mMutex);
+        return mWriters;
+    }
     std::vector<tCall> reads() const
     {
         const std::lock_guard lock(mMutex);
@@ -179,6 +189,7 @@ public:
         std::unique_lock lock(mMutex);
         mWrites.push_back({len, timeoutMs});
         mWritten.emplace_back(buf, buf + len);
+        mWriters.insert(gettid());
         mChanged.notify_all();
         mChanged.wait_for(lock, kPatience, [&] { return !mHeld; });
         ++mWritesEnded;
@@ -220,6 +231,7 @@ private:
     std::vector<tCall> mWrites;
     std::vector<tInit> mInits;
     std::vector<tBytes> mWritten;
+    std::set<pid_t> mWriters;
     std::size_t mWritesEnded = 0;
     std::exception_ptr mWriteError;
     std::exception_ptr mInitError;

@@ -14,10 +14,10 @@
 #include <unistd.h>
 
 #include <csignal>
-#include <filesystem>
 #include <memory>
 #include <optional>
 #include <random>
+#include <set>
 #include <string>
 
 namespace {
@@ -122,18 +122,6 @@ protected:
         EXPECT_EQ(mpLine->writesEnded(), mSent) << "the reply was still going out";
     }
 
-    /// Of this process, but the test's own.
-    static std::vector<pid_t> otherThreads()
-    {
-        std::vector<pid_t> found;
-        for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task"))
-            if (const pid_t thread = std::stoi(entry.path().filename()); thread != gettid())
-                found.push_back(thread);
-        return found;
-    }
-    static std::size_t threads() { return otherThreads().size(); }
-
-    const std::size_t mThreads = threads();
     const tBytes mRequest = hex("02 09");
     const tBytes mReply = hex("02 09 01");
     ScriptedSerial* mpLine = new ScriptedSerial;
@@ -605,7 +593,7 @@ TEST_F(SDataLinkReply, IsSentWithoutAThreadWhenNoneCanBeHad)
     exchange(1, 2);
     send(1, mRequest);
     expectHandled(linkFrame(2, mReply));
-    EXPECT_EQ(threads(), mThreads);
+    EXPECT_EQ(mpLine->writers(), std::set<pid_t>{gettid()});
 }
 
 TEST_F(SDataLinkReply, HasAThreadAsSoonAsOneCanBeHad)
@@ -615,23 +603,24 @@ TEST_F(SDataLinkReply, HasAThreadAsSoonAsOneCanBeHad)
         synchronise();
     }
     exchange(1, 2);
-    EXPECT_EQ(threads(), mThreads + 1);
+    EXPECT_EQ(mpLine->writers().size(), 2U);
     expectReadWhileAReplyGoesOut(2);
 }
 
 TEST_F(SDataLinkReply, HasOneThreadThatIsMadeForTheFirstAndEndsWithTheLink)
 {
-    send(kReset, mRequest);
-    expectAccepted(mRequest);
-    EXPECT_EQ(threads(), mThreads);
-    reply(mReply);
-    expectSent(linkFrame(1, mReply));
-    EXPECT_EQ(threads(), mThreads + 1);
+    synchronise();
     for (unsigned int i = 1; i <= 100; ++i)
         exchange(i % 16, (i + 1) % 16);
-    EXPECT_EQ(threads(), mThreads + 1);
+    const std::set<pid_t> writers = mpLine->writers();
+    ASSERT_EQ(writers.size(), 1U);
+    const pid_t thread = *writers.begin();
+    EXPECT_NE(thread, gettid());
     mpLink.reset();
-    EXPECT_EQ(threads(), mThreads);
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    while (tgkill(getpid(), thread, 0) == 0 && std::chrono::steady_clock::now() < end) // joined, and on its way out
+        std::this_thread::yield();
+    EXPECT_NE(tgkill(getpid(), thread, 0), 0);
 }
 
 /// A signal wakes whoever waits, and there is nothing to write.
@@ -643,7 +632,7 @@ TEST_F(SDataLinkReply, IsNotSentAgainWhenASignalWakesTheThread)
     ASSERT_EQ(sigaction(SIGUSR2, &action, &before), 0);
     synchronise();
     for (int i = 0; i < 100; ++i)
-        for (const pid_t thread : otherThreads())
+        for (const pid_t thread : mpLine->writers())
             tgkill(getpid(), thread, SIGUSR2);
     exchange(1, 2);
     sigaction(SIGUSR2, &before, nullptr);
