@@ -207,12 +207,12 @@ int callBus(sd_bus* bus, sd_bus_message* call, const tIsStopped& isStopped, Mess
 
 bool readStrays(sd_bus* bus)
 {
-    if (sd_bus_is_open(bus) > 0 && sd_bus_is_ready(bus) <= 0) // the first call reads the bus's greeting
-        return true;
     constexpr timespec kNow{};
     pollfd socket{sd_bus_get_fd(bus), POLLIN, 0};
     if (socket.fd >= 0 && ppoll(&socket, 1, &kNow, nullptr) == 0) // a look is cheaper than to read nothing
         return true;
+    if (sd_bus_is_open(bus) > 0 && sd_bus_is_ready(bus) <= 0) // the bus's greeting is for the first call to read
+        return (socket.revents & (POLLHUP | POLLERR)) == 0;
     int strays = 0;
     while (strays < kMaxStrays && sd_bus_process(bus, nullptr) > 0)
         ++strays;
