@@ -203,7 +203,7 @@ private:
             return false;
         const auto start = steady_clock::now();
         const auto seconds = std::chrono::floor<std::chrono::seconds>(mPatience);
-        const timespec left{seconds.count(), (mPatience - seconds).count()};
+        const timespec left{static_cast<time_t>(seconds.count()), static_cast<long>((mPatience - seconds).count())};
         pollfd output{fd, POLLOUT, 0};
         ppoll(&output, 1, &left, nullptr);
         mPatience = std::max(mPatience - (steady_clock::now() - start), std::chrono::nanoseconds{0});
