@@ -67,10 +67,10 @@ void SDBusApp::appSetTextMsg(const std::string& text)
     appDBusCall("SetTextMsg", text);
 }
 
-void SDBusApp::delayedExit(long long delay)
+void SDBusApp::delayedExit(long long delayS)
 {
-    if (!queueExit(steady_clock::now() + seconds(std::clamp(delay, 0LL, kMaxDelayS))))
-        delayedExitExec(delay);
+    if (!queueExit(steady_clock::now() + seconds(std::clamp(delayS, 0LL, kMaxDelayS))))
+        delayedExitExec(delayS);
 }
 
 /// False when there is no thread, or no memory, to keep it.
@@ -108,11 +108,11 @@ void SDBusApp::runExits()
     }
 }
 
-void SDBusApp::delayedExitExec(long long delay)
+void SDBusApp::delayedExitExec(long long delayS)
 {
-    if (delay >= 1) {
+    if (delayS >= 1) {
         std::unique_lock lock(mStateMutex);
-        mStateChanged.wait_for(lock, seconds(std::min(delay, kMaxDelayS)), [this] { return mStopped; });
+        mStateChanged.wait_for(lock, seconds(std::min(delayS, kMaxDelayS)), [this] { return mStopped; });
     }
     appExit();
 }

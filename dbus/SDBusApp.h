@@ -32,7 +32,7 @@ public:
     /// Tells the application to exit after so many seconds, at once for less than 1: from a thread that keeps all these
     /// exits, or from the caller's where there is none to be had. Does nothing while kMaxDelayedExits are still to
     /// come.
-    void delayedExit(long long seconds);
+    void delayedExit(long long delayS);
     static constexpr std::size_t kMaxDelayedExits = 65536;
 
 private:
@@ -40,7 +40,7 @@ private:
 
     bool queueExit(tTime time);
     void runExits();
-    void delayedExitExec(long long seconds);
+    void delayedExitExec(long long delayS);
     bool isStopped();
 
     std::mutex mCallMutex; ///< one call at a time

@@ -224,20 +224,26 @@ private:
 std::mutex sMutex;
 std::atomic<std::uint64_t> sDropped = 0;
 
+struct tSinks
+{
+    Sink out;
+    Sink err;
+};
+
 /// To be called with sMutex held.
 Sink* sinkOf(int fd)
 {
     // never destroyed: a thread may write its last line late at the exit
-    alignas(Sink) static std::byte memory[2 * sizeof(Sink)];
-    static auto* const sinks = new (memory) Sink[2];
+    alignas(tSinks) static std::byte memory[sizeof(tSinks)];
+    static auto* const sinks = new (memory) tSinks;
     struct stat file
     {};
     if (fstat(fd, &file) != 0)
         return nullptr;
-    for (Sink* sink : {&sinks[0], &sinks[1]})
+    for (Sink* sink : {&sinks->out, &sinks->err})
         if (sink->is(file))
             return sink;
-    Sink& own = sinks[fd == STDOUT_FILENO ? 0 : 1];
+    Sink& own = fd == STDOUT_FILENO ? sinks->out : sinks->err;
     own.open(fd, file);
     return &own;
 }
