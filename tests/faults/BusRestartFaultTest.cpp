@@ -113,7 +113,7 @@ TEST_P(SystemBusRestarted, isUsedAgain)
 {
     const auto& [phase, kind] = GetParam();
     describe({std::string("system bus restarted ") + phase.words + onBus(kind),
-              phase.inACall ? "lines for the call in hand" : "nothing", 2s});
+              phase.inACall ? "lines for the call in hand" : "nothing", 5s});
     ASSERT_NO_FATAL_FAILURE(phase.reach(mRig));
     ASSERT_NO_FATAL_FAILURE(restartSystemBus());
     faultIsOver();
@@ -134,7 +134,7 @@ INSTANTIATE_TEST_SUITE_P(Buses, SystemBusGone, kEachBus, busName);
 TEST_P(SystemBusGone, costsAnswersOnlyWhileItIsGone)
 {
     describe({named("system bus lost"),
-              "every request is answered, with empty values and two lines a read, until it is back", 2s});
+              "every request is answered, with empty values and two lines a read, until it is back", 5s});
     ASSERT_NO_FATAL_FAILURE(serveWithService());
     mRig.device().stopSystemBus();
     for (int i = 0; i < 3; ++i)
@@ -151,7 +151,7 @@ TEST_P(SystemBusGone, costsAnswersOnlyWhileItIsGone)
 TEST_P(SystemBusGone, isFoundAgainBeforeEachRequestOfTheStory)
 {
     describe({named("system bus restarted before each request of the start-up"),
-              "empty values for a second at most; the visualisation starts", 2s});
+              "empty values for a second at most; the visualisation starts", 5s});
     ASSERT_NO_FATAL_FAILURE(serveWithService());
     const qv::Bytes time{0x00, 0xF1, 0x53, 0x65, 0, 0, 0, 0};
     for (const qv::Bytes& message :

@@ -20,6 +20,12 @@ int statusWrites()
     return wanted == nullptr ? 300 : std::atoi(wanted);
 }
 
+/// What one of them may take: in the suite they share the machine with other tests.
+milliseconds boundOf(milliseconds alone)
+{
+    return std::getenv("VORLAN_STATUS_WRITES") == nullptr ? milliseconds{5'000} : alone;
+}
+
 /// The desktop on the user bus, while QV reports.
 class DesktopFault : public OnEachBus
 {
@@ -63,14 +69,14 @@ INSTANTIATE_TEST_SUITE_P(Buses, DesktopFault, kEachBus, busName);
 
 TEST_P(DesktopFault, pollersDoNotHoldUpTheStatus)
 {
-    describe({named("fifteen programs poll all properties"), "each status report is answered", 500ms});
+    describe({named("fifteen programs poll all properties"), "each status report is answered", boundOf(100ms)});
     reportBesidePollers();
 }
 
 TEST_P(DesktopFault, pollersOfASlowSystemDaemonDoNotHoldUpTheStatus)
 {
     describe({named("fifteen programs poll all properties, the system daemon slow (0.3 s a call)"),
-              "each status report is answered", 1s});
+              "each status report is answered", boundOf(100ms)});
     mRig.device().sysd().setBehaviour("*", tBehaviour::delayed(300ms));
     reportBesidePollers();
 }

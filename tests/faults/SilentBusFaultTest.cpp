@@ -130,7 +130,7 @@ TEST_F(SilentBusFault, systemBusDelaysTheStartByItsTimeOut)
 
 TEST_F(SilentBusFault, serviceObjectThatIsBeingOpenedEndsWithTheStop)
 {
-    describe({"stop while the service object opens a user bus that says nothing", "ends with status 0", 1500ms});
+    describe({"stop while the service object opens a user bus that says nothing", "ends with status 0", 5s});
     silenceUserBus();
     ASSERT_NO_FATAL_FAILURE(serveWithLongCalls());
     ASSERT_NO_FATAL_FAILURE(expectOpens(1));
@@ -140,7 +140,7 @@ TEST_F(SilentBusFault, serviceObjectThatIsBeingOpenedEndsWithTheStop)
 
 TEST_F(SilentBusFault, logosThatAreBeingOpenedEndWithTheStop)
 {
-    describe({"stop while the logos open a user bus that says nothing", "ends with status 0", 1500ms});
+    describe({"stop while the logos open a user bus that says nothing", "ends with status 0", 5s});
     silenceUserBus();
     ASSERT_NO_FATAL_FAILURE(serveWithLongCalls());
     ASSERT_TRUE(mRig.tellStory());
@@ -151,7 +151,7 @@ TEST_F(SilentBusFault, logosThatAreBeingOpenedEndWithTheStop)
 
 TEST_F(SilentBusFault, updateThatIsBeingStartedEndsWithTheStop)
 {
-    describe({"stop while the update opens a user bus that says nothing", "ends with status 0", 1500ms});
+    describe({"stop while the update opens a user bus that says nothing", "ends with status 0", 5s});
     mRig.device().sysd().setCfg("UpdateTrigger", 1);
     silenceUserBus();
     ASSERT_NO_FATAL_FAILURE(serveWithLongCalls());
@@ -168,7 +168,7 @@ TEST_F(SilentBusFault, updateThatIsBeingStartedEndsWithTheStop)
 
 TEST_F(SilentBusFault, delayedExitThatIsBeingOpenedEndsWithTheStop)
 {
-    describe({"stop while a delayed exit opens a user bus that says nothing", "ends with status 0", 1500ms});
+    describe({"stop while a delayed exit opens a user bus that says nothing", "ends with status 0", 5s});
     ASSERT_NO_FATAL_FAILURE(serveWithLongCalls());
     ASSERT_TRUE(mRig.device().desktop().waitForService());
     ASSERT_TRUE(mRig.device().desktop().showQmx().ok);
@@ -181,7 +181,7 @@ TEST_F(SilentBusFault, delayedExitThatIsBeingOpenedEndsWithTheStop)
 /// Services that do not answer hold up a stop no longer than a bus that says nothing.
 TEST_F(SilentBusFault, logoHandlerThatDoesNotAnswerEndsWithTheStop)
 {
-    describe({"stop while the logo handler does not answer", "ends with status 0", 1500ms});
+    describe({"stop while the logo handler does not answer", "ends with status 0", 5s});
     mRig.device().logo().setBehaviour("*", sim::tBehaviour::silent());
     ASSERT_NO_FATAL_FAILURE(serveWithLongCalls());
     ASSERT_TRUE(mRig.tellStory());
@@ -192,7 +192,7 @@ TEST_F(SilentBusFault, logoHandlerThatDoesNotAnswerEndsWithTheStop)
 
 TEST_F(SilentBusFault, exitThatIsNotAnsweredEndsWithTheStop)
 {
-    describe({"stop while the idle application does not answer", "ends with status 0", 1500ms});
+    describe({"stop while the idle application does not answer", "ends with status 0", 5s});
     mRig.device().idle().setBehaviour("*", sim::tBehaviour::silent());
     ASSERT_NO_FATAL_FAILURE(serveWithLongCalls());
     ASSERT_TRUE(mRig.device().desktop().waitForService());
