@@ -30,7 +30,7 @@ std::string escaped(const char* text)
     std::string out;
     for (; *text != '\0'; ++text) {
         const auto byte = static_cast<unsigned char>(*text);
-        if (std::isalnum(byte) != 0 || std::string_view("_-/.\\*").find(*text) != std::string_view::npos)
+        if (std::isalnum(byte) != 0 || std::string_view("_-/.").find(*text) != std::string_view::npos)
             out += *text;
         else
             out.append({'%', kDigits[byte >> 4U], kDigits[byte & 0xFU]});
