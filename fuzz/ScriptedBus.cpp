@@ -389,7 +389,7 @@ int Connection::awaitLogos(sd_bus* bus)
 int Connection::deliver(MessagePtr received, sd_bus_message** message)
 {
     mReady = true;
-    sd_bus_error error = SD_BUS_ERROR_NULL; // no filter sets one
+    sd_bus_error error{}; // no filter sets one
     if (mFilter != nullptr && mFilter(received.get(), mFilterData, &error) != 0)
         received.reset();
     if (message != nullptr)
